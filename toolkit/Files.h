@@ -1,0 +1,79 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include "toolkit/SStringList.h"
+
+// Thin layers over the POSIX calls named with each function.  None prints or
+// throws; failure is an empty or false result with `errno` left as the cause.
+// Every function acts with the effective identity in force (see
+// toolkit/Privileges.h).
+
+/// True when the path names anything, links followed (stat).
+[[nodiscard]] bool FileExists(const SString& path);
+/// True when the path names anything, a dangling link included (lstat).
+[[nodiscard]] bool PathTaken(const SString& path);
+/// True for an existing directory, links followed.
+[[nodiscard]] bool IsDirectory(const SString& path);
+/// True for an existing regular file, links followed.
+[[nodiscard]] bool IsRegular(const SString& path);
+/// True when the owner's write permission bit is set (what the mode says, also
+/// for root); false when the mode can't be read.
+[[nodiscard]] bool IsWriteable(const SString& path);
+/// Size in bytes, links followed; -1 when it can't be told.
+[[nodiscard]] long long FileSize(const SString& path);
+
+/// Creates one directory with the permission bits of `mode`, less the process
+/// mask (mkdir).  An existing directory is a failure.
+[[nodiscard]] bool MakeDir(const SString& path, unsigned long mode);
+/// The absolute path with every link resolved (realpath); "" when it can't be
+/// resolved.
+[[nodiscard]] SString RealPath(const SString& path);
+/// The names in the directory without "." and "..", sorted by bytes; empty
+/// when it can't be read.
+[[nodiscard]] SStringList ReadDir(const SString& directory);
+[[nodiscard]] bool Rename(const SString& from, const SString& to);
+bool RemoveFile(const SString& path);
+/// The whole content of a file; "" when it can't be read.
+[[nodiscard]] SString MapFileRead(const SString& path);
+/// The lines of a file, each with its line end; false when it can't be opened
+/// or read to its end, then `lines` is empty.  Never creates the file.
+[[nodiscard]] bool ReadLines(const SString& path, SStringList* lines);
+/// Last component of every path, less `suffix` where it ends in it.
+[[nodiscard]] SStringList BaseName(const SStringList& paths,
+                                   const SString& suffix);
+
+/// Writes all bytes to the descriptor, going on after short and interrupted
+/// writes.
+[[nodiscard]] bool WriteAll(int fd, std::string_view bytes);
+/// Waits until the directory that holds `path` is on disk (fsync), so that a
+/// name made or removed there outlives a power failure.
+[[nodiscard]] bool SyncDirectoryOf(const SString& path);
+
+/// Name of the user that owns the file, of a link the link itself (lstat); ""
+/// when it can't be told.
+[[nodiscard]] SString FileOwner(const SString& path);
+/// Name of the file's group, as `FileOwner`.
+[[nodiscard]] SString FileGroup(const SString& path);
+
+/// A file descriptor that is closed at the end of the enclosing block.
+class [[nodiscard]] SDescriptor {
+ public:
+  explicit SDescriptor(int fd = -1) : fd_(fd) {}
+  SDescriptor(const SDescriptor&) = delete;
+  SDescriptor& operator=(const SDescriptor&) = delete;
+  SDescriptor(SDescriptor&& other) noexcept : fd_(other.Release()) {}
+  SDescriptor& operator=(SDescriptor&& other) noexcept;
+  /// Closes without looking at the result and keeps `errno`.
+  ~SDescriptor();
+
+  [[nodiscard]] bool IsOpen() const { return fd_ >= 0; }
+  [[nodiscard]] int Get() const { return fd_; }
+  /// Gives the descriptor away without closing it.
+  int Release();
+  /// Closes now; false when close reports an error.
+  [[nodiscard]] bool Close();
+
+ private:
+  int fd_;
+};
