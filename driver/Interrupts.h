@@ -1,6 +1,9 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <csignal>
+#include <string_view>
 
 /// Set (the initial state) while a signal may end the run at once.
 extern volatile std::sig_atomic_t gf_OkToBeKilled;
@@ -28,3 +31,10 @@ class [[nodiscard]] SDeferInterrupts {
   SDeferInterrupts(const SDeferInterrupts&) = delete;
   SDeferInterrupts& operator=(const SDeferInterrupts&) = delete;
 };
+
+/// One write(2) that reports a reader that is gone by EPIPE only, never by
+/// SIGPIPE, whose action is as before when this returns.  Async-signal-safe.
+[[nodiscard]] ssize_t WriteWithoutSignal(int fd, std::string_view bytes);
+
+/// Waits that many seconds, however many signals arrive meanwhile.
+void WaitSeconds(int seconds);
