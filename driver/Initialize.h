@@ -1,0 +1,4 @@
+#pragma once
+
+/// Fills the paths of host files and the list of services.  Always true.
+bool Initialize();
