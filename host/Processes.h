@@ -22,7 +22,12 @@
 /// "/usr/bin/ps -e", or where that can't be executed from /proc.
 [[nodiscard]] SStringList ReadProcessInfo();
 
-/// Sends the signal to every process called `name`, compared with what the
-/// process table keeps of it; ids of 10 and below and this process are never
-/// signalled.  1 if at least one was signalled, else 0.
+/// Sends the signal, as root, to the processes of these lines, each beginning
+/// with an id as those of `ReadProcessInfo` do; ids of 10 and below and this
+/// process are never signalled.  1 if at least one was signalled, else 0.
+int SignalProcesses(const SStringList& processes, int signal);
+
+/// The same for every process called `name`, compared with what the process
+/// table keeps of it: the first 8 bytes, or the first 15.  Pattern characters
+/// in `name` keep their meaning.  A name without a word character is none.
 int KillProgram(const SString& name, int signal);
