@@ -2,6 +2,8 @@
 
 #include <sys/types.h>
 
+#include <vector>
+
 // The one place where the process changes its identity.  The real user id
 // stays root for the whole run; only effective ids (and, for a user, the
 // supplementary groups) change.  Every change goes through root, sets groups
@@ -32,8 +34,11 @@ class [[nodiscard]] SActAs {
   [[nodiscard]] bool Succeeded() const { return succeeded_; }
 
  private:
+  void GoBack();
+
   uid_t former_uid_;
   gid_t former_gid_;
+  std::vector<gid_t> former_groups_;
   bool groups_changed_ = false;
   bool succeeded_ = false;
 };

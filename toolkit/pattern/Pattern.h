@@ -22,6 +22,9 @@ struct SMatch {
 /// A compiled pattern.  Immutable.
 class SPattern {
  public:
+  /// The flat program that a pattern is compiled to.
+  struct Program;
+
   /// The compiled form of `expression`, from a small cache of the process;
   /// never null.  An expression that can't be parsed gives a pattern that
   /// matches nothing.
@@ -48,7 +51,6 @@ class SPattern {
                             SMatch* match) const;
 
  private:
-  struct Program;
   explicit SPattern(std::string_view expression);
   std::unique_ptr<const Program> program_;
 };

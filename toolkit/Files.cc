@@ -1,0 +1,209 @@
+#include "toolkit/Files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace {
+
+constexpr std::size_t kReadPiece = 256 * 1024;
+
+bool ReadAll(const SString& path, std::string* content) {
+  SDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.IsOpen()) {
+    return false;
+  }
+  while (true) {
+    const std::size_t filled = content->size();
+    content->resize(filled + kReadPiece);
+    const ssize_t n = read(file.Get(), content->data() + filled, kReadPiece);
+    content->resize(filled + static_cast<std::size_t>(n > 0 ? n : 0));
+    if (n == 0) {
+      return true;
+    }
+    if (n < 0 && errno != EINTR) {
+      content->clear();
+      return false;
+    }
+  }
+}
+
+bool HasType(const SString& path, mode_t type) {
+  struct stat status = {};
+  return stat(path, &status) == 0 && (status.st_mode & S_IFMT) == type;
+}
+
+}  // namespace
+
+bool FileExists(const SString& path) {
+  struct stat status = {};
+  return stat(path, &status) == 0;
+}
+
+bool PathTaken(const SString& path) {
+  struct stat status = {};
+  return lstat(path, &status) == 0;
+}
+
+bool IsDirectory(const SString& path) {
+  return HasType(path, S_IFDIR);
+}
+
+bool IsRegular(const SString& path) {
+  return HasType(path, S_IFREG);
+}
+
+bool IsWriteable(const SString& path) {
+  struct stat status = {};
+  return stat(path, &status) == 0 && (status.st_mode & S_IWUSR) != 0;
+}
+
+long long FileSize(const SString& path) {
+  struct stat status = {};
+  return stat(path, &status) == 0 ? status.st_size : -1;
+}
+
+bool MakeDir(const SString& path, unsigned long mode) {
+  return mkdir(path, static_cast<mode_t>(mode)) == 0;
+}
+
+SString RealPath(const SString& path) {
+  const std::unique_ptr<char, decltype(&free)> resolved(realpath(path, nullptr),
+                                                        free);
+  return SString(resolved.get());
+}
+
+SStringList ReadDir(const SString& directory) {
+  SStringList names;
+  DIR* stream = opendir(directory);
+  if (stream == nullptr) {
+    return names;
+  }
+  while (const dirent* entry = readdir(stream)) {
+    const SString name = entry->d_name;
+    if (!(name == ".") && !(name == "..")) {
+      names.Push(name);
+    }
+  }
+  closedir(stream);
+  names.Sort();
+  return names;
+}
+
+bool Rename(const SString& from, const SString& to) {
+  return rename(from, to) == 0;
+}
+
+bool RemoveFile(const SString& path) {
+  return unlink(path) == 0;
+}
+
+SString MapFileRead(const SString& path) {
+  std::string content;
+  static_cast<void>(ReadAll(path, &content));
+  return SString(std::move(content));
+}
+
+bool ReadLines(const SString& path, SStringList* lines) {
+  lines->Reset();
+  std::string content;
+  if (!ReadAll(path, &content)) {
+    return false;
+  }
+  std::string_view rest = content;
+  while (!rest.empty()) {
+    const std::size_t end = rest.find('\n');
+    const std::size_t length =
+        end == std::string_view::npos ? rest.size() : end + 1;
+    lines->Push(SString(rest.substr(0, length)));
+    rest.remove_prefix(length);
+  }
+  return true;
+}
+
+SStringList BaseName(const SStringList& paths, const SString& suffix) {
+  SStringList names;
+  for (const SString& path : paths) {
+    std::string_view name = path.View();
+    name.remove_prefix(name.rfind('/') + 1);
+    if (name.ends_with(suffix.View())) {
+      name.remove_suffix(suffix.View().size());
+    }
+    names.Push(SString(name));
+  }
+  return names;
+}
+
+bool WriteAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = write(fd, bytes.data(), bytes.size());
+    if (n > 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(n));
+    } else if (n == 0) {
+      errno = ENOSPC;
+      return false;
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool SyncDirectoryOf(const SString& path) {
+  const std::size_t slash = path.View().rfind('/');
+  const SString directory =
+      slash == std::string_view::npos
+          ? SString(".")
+          : SString(path.View().substr(0, slash == 0 ? 1 : slash));
+  const SDescriptor opened(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return opened.IsOpen() && fsync(opened.Get()) == 0;
+}
+
+SString FileOwner(const SString& path) {
+  struct stat status = {};
+  if (lstat(path, &status) != 0) {
+    return {};
+  }
+  const passwd* owner = getpwuid(status.st_uid);
+  return owner == nullptr ? SString() : SString(owner->pw_name);
+}
+
+SString FileGroup(const SString& path) {
+  struct stat status = {};
+  if (lstat(path, &status) != 0) {
+    return {};
+  }
+  const group* owner = getgrgid(status.st_gid);
+  return owner == nullptr ? SString() : SString(owner->gr_name);
+}
+
+SDescriptor& SDescriptor::operator=(SDescriptor&& other) noexcept {
+  if (this != &other) {
+    SDescriptor closed(fd_);
+    fd_ = other.Release();
+  }
+  return *this;
+}
+
+SDescriptor::~SDescriptor() {
+  if (fd_ >= 0) {
+    const int former_errno = errno;
+    close(fd_);
+    errno = former_errno;
+  }
+}
+
+int SDescriptor::Release() {
+  return std::exchange(fd_, -1);
+}
+
+bool SDescriptor::Close() {
+  return close(Release()) == 0;
+}
