@@ -71,14 +71,17 @@ SDeferInterrupts::~SDeferInterrupts() {
 }
 
 ssize_t WriteWithoutSignal(int fd, std::string_view bytes) {
-  // Ignoring discards a signal that is pending already, as it is in the handler
-  // with its full mask; blocking would only put it off.
   struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;
   struct sigaction former = {};
   sigaction(SIGPIPE, &ignore, &former);
   const ssize_t written = write(fd, bytes.data(), bytes.size());
   const int write_errno = errno;
+  if (written < 0) {
+    // In the handler, whose mask is full, the signal was not ignored but is
+    // pending; ignoring it again discards it.
+    sigaction(SIGPIPE, &ignore, nullptr);
+  }
   sigaction(SIGPIPE, &former, nullptr);
   errno = write_errno;
   return written;
