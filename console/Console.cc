@@ -33,39 +33,55 @@ bool WouldBlock() {
 // Input that was read but not asked for yet, such as further lines of a pipe.
 std::string pending_input;
 
-enum class Input { kLine, kEnd };
+// A terminal that hung up gives ends of input, as if its user had typed them.
+bool HasHungUp(int fd) {
+  return !isatty(fd) && errno == EIO;
+}
 
-// Takes the next line, less its line end, from the input.
-Input ReadLine(SString* line) {
-  std::size_t searched = 0;
+[[noreturn]] void EndWithoutAnswer() {
+  EndWithoutConsole();
+  // A step that can't be cut asks nothing; were it to, a default that nobody
+  // chose would be worse than its end.
+  _exit(3);
+}
+
+// Adds what the input has to `pending_input`; false at its end.
+bool ReadMore() {
   while (true) {
-    const std::size_t end = pending_input.find('\n', searched);
-    if (end != std::string::npos) {
-      *line = SString(std::string_view(pending_input).substr(0, end));
-      pending_input.erase(0, end + 1);
-      return Input::kLine;
-    }
-    searched = pending_input.size();
-
     char bytes[4096];
     const ssize_t n = read(STDIN_FILENO, bytes, sizeof bytes);
     if (n > 0) {
       pending_input.append(bytes, static_cast<std::size_t>(n));
-    } else if (n == 0 && pending_input.empty()) {
-      return Input::kEnd;
-    } else if (n == 0) {
-      *line = SString(std::move(pending_input));
-      pending_input.clear();
-      return Input::kLine;
-    } else if (WouldBlock()) {
+      return true;
+    }
+    if (n == 0 && !HasHungUp(STDIN_FILENO)) {
+      return false;
+    }
+    if (n < 0 && WouldBlock()) {
       WaitUntilReady(STDIN_FILENO, POLLIN);
-    } else if (errno != EINTR) {
-      EndWithoutConsole();
-      // A step that can't be cut asks nothing; were it to, a default that
-      // nobody chose would be worse than its end.
-      _exit(3);
+    } else if (n == 0 || errno != EINTR) {
+      EndWithoutAnswer();
     }
   }
+}
+
+// Takes the next line, less its line end, from the input; a last line may have
+// none.  False at the end of the input.
+bool TakeLine(SString* line) {
+  std::size_t searched = 0;
+  std::size_t end = pending_input.find('\n');
+  while (end == std::string::npos) {
+    searched = pending_input.size();
+    if (!ReadMore()) {
+      *line = SString(std::move(pending_input));
+      pending_input.clear();
+      return searched > 0;
+    }
+    end = pending_input.find('\n', searched);
+  }
+  *line = SString(std::string_view(pending_input).substr(0, end));
+  pending_input.erase(0, end + 1);
+  return true;
 }
 
 // At the end of the input the same question comes again at once; a terminal
@@ -81,7 +97,7 @@ SString ReadAnswer(const SString& question, const SString& def,
   const SString shown_default = show_default ? "[" + def + "] " : SString();
   Print(question + shown_default);
   SString answer;
-  for (int repetition = 1; ReadLine(&answer) == Input::kEnd; ++repetition) {
+  for (int repetition = 1; !TakeLine(&answer); ++repetition) {
     Print("\n");
     PauseBeforeRepetition(repetition);
     Print(shown_default);

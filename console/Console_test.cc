@@ -262,7 +262,8 @@ TEST(PrintTest, AnEmptyTextPrintsNothing) {
 }
 
 TEST(ScreenTest, TheSeparatorIsARuleAndAFormFeed) {
-  EXPECT_EQ("\n" + std::string(75, '=') + "\n\f\n", Talk("", [] {
+  const std::string rule(75, '=');
+  EXPECT_EQ("\n" + rule + "\n\f\n", Talk("", [] {
               ClearScreen();
               Print("<end>");
             }));
@@ -277,12 +278,15 @@ std::string Header(int width, const SStringList& titles) {
 
 std::string Box(const std::string& rows) {
   const std::string rule(75, '=');
-  const std::string empty = "=" + std::string(73, ' ') + "=\n";
+  const std::string blanks(73, ' ');
+  const std::string empty = "=" + blanks + "=\n";
   return "\n" + rule + "\n" + empty + rows + empty + rule + "\n\n";
 }
 
 std::string Row(std::size_t left, const std::string& title, std::size_t right) {
-  return "=" + std::string(left, ' ') + title + std::string(right, ' ') + "=\n";
+  const std::string before(left, ' ');
+  const std::string after(right, ' ');
+  return "=" + before + title + after + "=\n";
 }
 
 TEST(ScreenTest, ATitleIsCentredInItsBox) {

@@ -14,11 +14,16 @@ namespace {
 constexpr const char* pz_Welcome =
     "This program will occasionally ask you for permission to perform a task, or alert you of a problem. When asking a question that has a default response, you can simply press 'Return' to specify the default. The default is the value shown in the square brackets '[' and ']'.";
 
+// clang-format off
 constexpr SInstallTask kTasks[] = {
-    {"AskToContinue", AskToContinue},       {"Initialize", Initialize},
-    {"CreateMailboxDir", CreateMailboxDir}, {"FixMaildropDir", FixMaildropDir},
-    {"StartDaemon", StartDaemon},           {"WarnAdmin", WarnAdmin},
+    {"AskToContinue", AskToContinue},
+    {"Initialize", Initialize},
+    {"CreateMailboxDir", CreateMailboxDir},
+    {"FixMaildropDir", FixMaildropDir},
+    {"StartDaemon", StartDaemon},
+    {"WarnAdmin", WarnAdmin},
 };
+// clang-format on
 
 }  // namespace
 

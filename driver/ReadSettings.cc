@@ -102,7 +102,7 @@ bool FindHostName() {
   if (gstr_forThisIP == "127.0.0.1") {
     gstr_HostName = "localhost";
   } else if (!gstr_forThisIP.IsEmpty()) {
-    gstr_HostName = GetHostByAddr(gstr_forThisIP)[0];
+    gstr_HostName = GetHostByAddr(gstr_forThisIP).Get(0);
   } else {
     utsname system = {};
     if (uname(&system) != 0) {
@@ -120,7 +120,7 @@ bool SettleHost(const SString& path) {
   }
   gstr_HostName.S("\\..*", "");
   gstr_HostName += "." + gstr_DomainName;
-  gstr_IpAddress = "[" + GetHostByName(gstr_HostName)[0] + "]";
+  gstr_IpAddress = "[" + GetHostByName(gstr_HostName).Get(0) + "]";
   if (gstr_IpAddress.Length() < 3) {
     return Refuse(NoAddress(path));
   }
@@ -166,8 +166,8 @@ bool SettleMailOwner() {
 }  // namespace
 
 SString ReadConfig(const SStringList& lines, const SString& key) {
-  const SString line = lines.Grep("/^" + key + "/")[0];
-  return line.M("^" + key + "=(\\S+)")[0];
+  const SString line = lines.Grep("/^" + key + "/").Get(0);
+  return line.M("^" + key + "=(\\S+)").Get(0);
 }
 
 bool ReadSettings() {
