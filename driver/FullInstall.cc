@@ -7,7 +7,11 @@
 #include "driver/StartDaemon.h"
 #include "driver/WarnAdmin.h"
 #include "host/CreateMailboxDir.h"
+#include "host/EditInetdConf.h"
 #include "host/FixMaildropDir.h"
+#include "host/InstallSendmail.h"
+#include "host/KillSendmail.h"
+#include "host/KillServers.h"
 
 namespace {
 
@@ -20,6 +24,10 @@ constexpr SInstallTask kTasks[] = {
     {"Initialize", Initialize},
     {"CreateMailboxDir", CreateMailboxDir},
     {"FixMaildropDir", FixMaildropDir},
+    {"EditInetdConf", EditInetdConf},
+    {"KillSendmail", KillSendmail},
+    {"InstallSendmail", InstallSendmail},
+    {"KillServers", KillServers},
     {"StartDaemon", StartDaemon},
     {"WarnAdmin", WarnAdmin},
 };

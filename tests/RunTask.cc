@@ -19,6 +19,7 @@
 #include "driver/Initialize.h"
 #include "driver/Settings.h"
 #include "driver/StartUp.h"
+#include "host/AddServices.h"
 #include "toolkit/Files.h"
 
 namespace {
@@ -27,7 +28,9 @@ constexpr int kFailed = -1;
 constexpr int kWrongUsage = 2;
 
 // Tasks that the full installation does not run, or not in this way.
+// The others are found in the sequence itself.
 constexpr SInstallTask kOtherTasks[] = {
+    {"AddServices", AddServices},
     {"Nothing", [] { return true; }},
 };
 
