@@ -1,0 +1,276 @@
+// Reads addresses after RFC 822 section 6.1 in one pass over tokens, without
+// recursion.
+//
+// Beyond that grammar: empty elements are passed over, a phrase may hold dots
+// ("J. R. Smith <jrs@x.org>"), bytes from 0x80 up are parts of words, and an
+// address needs no domain.  An element that does not parse is passed over up to
+// its comma and counts as an empty address.
+
+#include "toolkit/Addresses.h"
+
+#include <vector>
+
+namespace {
+
+constexpr const char* kEmptyAddress = "<>";
+
+enum class Kind { kWord, kLiteral, kSpecial, kBad, kEnd };
+
+struct Token {
+  Kind kind;
+  std::string_view text;
+
+  [[nodiscard]] bool Is(char special) const {
+    return kind == Kind::kSpecial && text[0] == special;
+  }
+};
+
+bool IsBlank(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+bool IsSpecial(char c) {
+  return std::string_view("()<>@,;:\\\".[]").find(c) != std::string_view::npos;
+}
+
+bool IsWordByte(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte > 0x20 && byte != 0x7f && !IsSpecial(c);
+}
+
+// End of what `open` at `from` begins and `close` ends, a backslash hiding the
+// byte behind it; npos when it has no end.
+std::size_t EndOfQuoted(std::string_view text, std::size_t from, char open,
+                        char close, bool nests) {
+  int depth = 0;
+  for (std::size_t i = from; i < text.size(); ++i) {
+    if (text[i] == '\\') {
+      ++i;
+    } else if (text[i] == close && i > from) {
+      if (--depth <= 0) {
+        return i + 1;
+      }
+    } else if (text[i] == open && (i == from || nests)) {
+      ++depth;
+    }
+  }
+  return std::string_view::npos;
+}
+
+// Cuts the text into tokens; comments and blanks only separate.  What is never
+// closed, or can't stand where it does, becomes a bad token.
+std::vector<Token> Tokenize(std::string_view text) {
+  std::vector<Token> tokens;
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const char c = text[i];
+    std::size_t end = i + 1;
+    Kind kind = Kind::kSpecial;
+    if (IsBlank(c)) {
+      ++i;
+      continue;
+    }
+    if (c == '"') {
+      kind = Kind::kWord;
+      end = EndOfQuoted(text, i, '"', '"', false);
+    } else if (c == '[') {
+      kind = Kind::kLiteral;
+      end = EndOfQuoted(text, i, '[', ']', false);
+    } else if (c == '(') {
+      end = EndOfQuoted(text, i, '(', ')', true);
+      if (end != std::string_view::npos) {
+        i = end;
+        continue;
+      }
+    } else if (c == ')' || c == ']' || c == '\\') {
+      kind = Kind::kBad;
+    } else if (!IsSpecial(c)) {
+      kind = IsWordByte(c) ? Kind::kWord : Kind::kBad;
+      while (kind == Kind::kWord && end < text.size() &&
+             IsWordByte(text[end])) {
+        ++end;
+      }
+    }
+    if (end == std::string_view::npos) {
+      kind = Kind::kBad;
+      end = text.size();
+    }
+    tokens.push_back({kind, text.substr(i, end - i)});
+    i = end;
+  }
+  tokens.push_back({Kind::kEnd, {}});
+  return tokens;
+}
+
+struct Mailbox {
+  SString route;
+  SString local_part;
+  SString domain;
+};
+
+class Reader {
+ public:
+  explicit Reader(std::string_view text) : tokens_(Tokenize(text)) {}
+
+  [[nodiscard]] bool AtEnd() const { return Now().kind == Kind::kEnd; }
+
+  // Reads one element of a list and the comma behind it.  False when the
+  // element is empty or only opens or closes a group.
+  bool ReadElement(Mailbox* mailbox, bool* good);
+  // Reads an address, in angle brackets or not, without phrase.
+  bool ReadAddress(Mailbox* mailbox);
+
+ private:
+  [[nodiscard]] const Token& Now() const { return tokens_[at_]; }
+  bool Take(char special);
+  bool EndsElement() const {
+    return AtEnd() || Now().Is(',') || (in_group_ && Now().Is(';'));
+  }
+  // Whether a phrase and then `special` come next.
+  bool PhraseLeadsTo(char special) const;
+  void SkipPhrase();
+  bool ReadDotted(SString* text, bool is_domain);
+  bool ReadRoute(SString* route);
+  bool ReadSpec(Mailbox* mailbox);
+
+  std::vector<Token> tokens_;
+  std::size_t at_ = 0;
+  bool in_group_ = false;
+};
+
+bool Reader::Take(char special) {
+  const bool taken = Now().Is(special);
+  at_ += taken ? 1 : 0;
+  return taken;
+}
+
+bool Reader::PhraseLeadsTo(char special) const {
+  std::size_t i = at_;
+  while (tokens_[i].kind == Kind::kWord || tokens_[i].Is('.')) {
+    ++i;
+  }
+  return tokens_[i].Is(special);
+}
+
+void Reader::SkipPhrase() {
+  while (Now().kind == Kind::kWord || Now().Is('.')) {
+    ++at_;
+  }
+}
+
+bool Reader::ReadDotted(SString* text, bool is_domain) {
+  std::string joined;
+  do {
+    const Token& part = Now();
+    const bool is_part =
+        is_domain ? part.kind == Kind::kLiteral ||
+                        (part.kind == Kind::kWord && part.text[0] != '"')
+                  : part.kind == Kind::kWord;
+    if (!is_part) {
+      return false;
+    }
+    joined += joined.empty() ? "" : ".";
+    joined += part.text;
+    ++at_;
+  } while (Take('.'));
+  *text = SString(std::move(joined));
+  return true;
+}
+
+bool Reader::ReadRoute(SString* route) {
+  do {
+    SString domain;
+    if (!Take('@') || !ReadDotted(&domain, true)) {
+      return false;
+    }
+    *route += (route->IsEmpty() ? "@" : ",@") + domain;
+  } while (Take(','));
+  return Take(':');
+}
+
+bool Reader::ReadSpec(Mailbox* mailbox) {
+  return ReadDotted(&mailbox->local_part, false) &&
+         (!Take('@') || ReadDotted(&mailbox->domain, true));
+}
+
+bool Reader::ReadAddress(Mailbox* mailbox) {
+  if (!Take('<')) {
+    return ReadSpec(mailbox);
+  }
+  if (Now().Is('@') && !ReadRoute(&mailbox->route)) {
+    return false;
+  }
+  return ReadSpec(mailbox) && Take('>');
+}
+
+bool Reader::ReadElement(Mailbox* mailbox, bool* good) {
+  if (Take(',') || (in_group_ && Now().Is(';'))) {
+    if (Take(';')) {
+      in_group_ = false;
+    }
+    return false;
+  }
+  if (!in_group_ && PhraseLeadsTo(':')) {
+    SkipPhrase();
+    Take(':');
+    in_group_ = true;
+    return false;
+  }
+  if (PhraseLeadsTo('<')) {
+    SkipPhrase();
+  }
+  *good = ReadAddress(mailbox) && EndsElement();
+  while (!EndsElement()) {
+    ++at_;
+  }
+  return true;
+}
+
+}  // namespace
+
+S821Address::S821Address(const SString& text) {
+  Reader reader(text.View());
+  Mailbox mailbox;
+  if (reader.ReadAddress(&mailbox) && reader.AtEnd()) {
+    local_part_ = mailbox.local_part;
+    domain_ = mailbox.domain;
+    route_ = mailbox.route;
+  }
+}
+
+SString S821Address::Text() const {
+  if (IsNull()) {
+    return kEmptyAddress;
+  }
+  const SString spec =
+      domain_.IsEmpty() ? local_part_ : local_part_ + "@" + domain_;
+  return route_.IsEmpty() ? spec : "<" + route_ + ":" + spec + ">";
+}
+
+S822Parser::S822Parser(const SString& text) {
+  Reader reader(text.View());
+  while (!reader.AtEnd()) {
+    Mailbox mailbox;
+    bool good = false;
+    if (!reader.ReadElement(&mailbox, &good)) {
+      continue;
+    }
+    const SString spec = mailbox.domain.IsEmpty()
+                             ? mailbox.local_part
+                             : mailbox.local_part + "@" + mailbox.domain;
+    if (!good) {
+      addresses_.Push(kEmptyAddress);
+    } else if (mailbox.route.IsEmpty()) {
+      addresses_.Push(spec);
+    } else {
+      addresses_.Push("<" + mailbox.route + ":" + spec + ">");
+    }
+  }
+}
+
+S821Parser::S821Parser(const SString& text, bool list_mode)
+    : S822Parser(list_mode ? text : SString()) {
+  if (!list_mode) {
+    addresses_.Push(S821Address(text).Text());
+  }
+}
