@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t kReadPiece = 256 * 1024;
+constexpr std::size_t kReadPiece = std::size_t{256} * 1024;
 
 bool ReadAll(const SString& path, std::string* content) {
   SDescriptor file(open(path, O_RDONLY | O_CLOEXEC));

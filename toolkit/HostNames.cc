@@ -89,6 +89,8 @@ SStringList GetHostByName(const SString& name) {
   return addresses;
 }
 
+// By value, as callers know it.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 SStringList GetHostByAddr(SString address) {
   SStringList names;
   in_addr binary = {};

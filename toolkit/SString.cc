@@ -144,7 +144,7 @@ SStringList SString::S(const SString& re, const SString& replacement,
   }
   const bool global = flags != nullptr && std::string_view(flags).find('g') !=
                                               std::string_view::npos;
-  const SStringList groups = GroupsOf(text_, match);
+  SStringList groups = GroupsOf(text_, match);
   std::string result;
   std::size_t copied = 0;
   bool found = true;

@@ -262,11 +262,14 @@ SStringList LowerCase(const SStringList& list) {
 }
 
 std::istream& operator>>(std::istream& in, SStringList& lines) {
-  SString line;
-  for (line.ReadLine(in); !line.IsEmpty(); line.ReadLine(in)) {
+  while (true) {
+    SString line;
+    line.ReadLine(in);
+    if (line.IsEmpty()) {
+      return in;
+    }
     lines.Push(std::move(line));
   }
-  return in;
 }
 
 std::ostream& operator<<(std::ostream& out, const SStringList& list) {

@@ -52,10 +52,9 @@ SDescriptor CreateControlFile(const SString& path) {
 }
 
 SDescriptor OpenMessageFile(const SString& path) {
-  return SDescriptor(open(path,
-                          O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW |
-                              O_NONBLOCK | O_CLOEXEC,
-                          kMessageMode));
+  return SDescriptor(open(
+      path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+      kMessageMode));
 }
 
 }  // namespace
@@ -114,11 +113,11 @@ bool QueueMessage(const SString& name, const SControl& control,
   if (queued) {
     SDescriptor header_file = OpenMessageFile(header_path);
     SDescriptor body_file = OpenMessageFile(body_path);
-    queued = header_file.IsOpen() && body_file.IsOpen() &&
-             WriteAndSync(std::move(header_file),
-                          header.Join("\r\n") + "\r\n") &&
-             WriteAndSync(std::move(body_file), body.Join("\r\n")) &&
-             SyncDirectoryOf(body_path);
+    queued =
+        header_file.IsOpen() && body_file.IsOpen() &&
+        WriteAndSync(std::move(header_file), header.Join("\r\n") + "\r\n") &&
+        WriteAndSync(std::move(body_file), body.Join("\r\n")) &&
+        SyncDirectoryOf(body_path);
   }
   if (!queued) {
     const int cause = errno;
