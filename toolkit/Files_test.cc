@@ -1,0 +1,199 @@
+#include "toolkit/Files.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+
+namespace {
+
+class FilesTest : public testing::Test {
+ protected:
+  FilesTest() {
+    char name[] = "/tmp/files_test.XXXXXX";
+    directory_ = SString(mkdtemp(name)) + "/";
+  }
+  ~FilesTest() override { std::filesystem::remove_all(directory_.Std()); }
+
+  SString Path(const char* name) const { return directory_ + name; }
+  SString Make(const char* name, std::string_view content,
+               mode_t mode = 0644) const {
+    const SDescriptor file(
+        open(Path(name), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    EXPECT_TRUE(WriteAll(file.Get(), content));
+    EXPECT_EQ(0, fchmod(file.Get(), mode));
+    return Path(name);
+  }
+
+  SString directory_;
+};
+
+TEST_F(FilesTest, KindsOfPathsAreToldApart) {
+  const SString file = Make("file", "x");
+  const SString dangling = Path("dangling");
+  const SString link = Path("link");
+  ASSERT_EQ(0, symlink("nowhere", dangling));
+  ASSERT_EQ(0, symlink("file", link));
+  struct Case {
+    SString path;
+    bool exists;
+    bool taken;
+    bool directory;
+    bool regular;
+  };
+  const Case kCases[] = {
+      {file, true, true, false, true},
+      {link, true, true, false, true},
+      {dangling, false, true, false, false},
+      {directory_, true, true, true, false},
+      {Path("missing"), false, false, false, false},
+      {file + "/below", false, false, false, false},
+      {"/dev/null", true, true, false, false},
+      {"", false, false, false, false},
+  };
+  for (const Case& c : kCases) {
+    EXPECT_EQ(FileExists(c.path), c.exists) << c.path;
+    EXPECT_EQ(PathTaken(c.path), c.taken) << c.path;
+    EXPECT_EQ(IsDirectory(c.path), c.directory) << c.path;
+    EXPECT_EQ(IsRegular(c.path), c.regular) << c.path;
+  }
+}
+
+TEST_F(FilesTest, WriteableIsWhatTheModeSaysAlsoForRoot) {
+  EXPECT_TRUE(IsWriteable(Make("a", "", 0200)));
+  EXPECT_FALSE(IsWriteable(Make("b", "", 0466)));
+  EXPECT_FALSE(IsWriteable(Path("missing")));
+}
+
+TEST_F(FilesTest, SizesAreInBytes) {
+  EXPECT_EQ(FileSize(Make("a", "12345")), 5);
+  EXPECT_EQ(FileSize(Make("b", "")), 0);
+  EXPECT_EQ(FileSize(Path("missing")), -1);
+}
+
+TEST_F(FilesTest, MakeDirMakesOneLevelWithTheModeLessTheMask) {
+  const mode_t former = umask(07);
+  EXPECT_TRUE(MakeDir(Path("new"), 0777));
+  EXPECT_FALSE(MakeDir(Path("new"), 0777));
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_FALSE(MakeDir(Path("missing/new"), 0777));
+  umask(former);
+  struct stat status = {};
+  ASSERT_EQ(0, stat(Path("new"), &status));
+  EXPECT_EQ(status.st_mode & 07777U, 0770U);
+}
+
+TEST_F(FilesTest, RealPathFollowsEveryLink) {
+  const SString file = Make("file", "");
+  ASSERT_EQ(0, symlink("file", Path("one")));
+  ASSERT_EQ(0, symlink("one", Path("two")));
+  EXPECT_EQ(RealPath(Path("two")), RealPath(file));
+  EXPECT_EQ(RealPath(Path("missing")), "");
+  ASSERT_EQ(0, symlink("loop", Path("loop")));
+  EXPECT_EQ(RealPath(Path("loop")), "");
+}
+
+TEST_F(FilesTest, ReadDirSortsByBytes) {
+  for (const char* name : {"b", "B", ".hidden", "a b"}) {
+    Make(name, "");
+  }
+  EXPECT_EQ(ReadDir(directory_).Join("|"), ".hidden|B|a b|b");
+  EXPECT_TRUE(ReadDir(Path("missing")).IsEmpty());
+}
+
+TEST_F(FilesTest, ReadingReproducesTheContent) {
+  const std::string big(1000000, 'x');
+  const std::string contents[] = {"", "a", "a\n", std::string("a\0b\n", 4),
+                                  big + "\n" + big};
+  for (const std::string& content : contents) {
+    const SString file = Make("file", content);
+    SStringList lines = "left over";
+    EXPECT_TRUE(ReadLines(file, &lines));
+    EXPECT_EQ(lines.Join().Std(), content);
+    EXPECT_EQ(MapFileRead(file).Std(), content);
+    RemoveFile(file);
+  }
+}
+
+TEST_F(FilesTest, WhatCannotBeReadIsEmptyAndNeverMade) {
+  for (const SString& path : {Path("missing"), directory_}) {
+    SStringList lines = "left over";
+    EXPECT_FALSE(ReadLines(path, &lines));
+    EXPECT_TRUE(lines.IsEmpty());
+    EXPECT_EQ(MapFileRead(path), "");
+  }
+  EXPECT_FALSE(PathTaken(Path("missing")));
+}
+
+TEST_F(FilesTest, RenameAndRemoveTellWhetherTheyWorked) {
+  const SString file = Make("file", "x");
+  EXPECT_TRUE(Rename(file, Path("other")));
+  EXPECT_FALSE(Rename(file, Path("other")));
+  EXPECT_TRUE(RemoveFile(Path("other")));
+  EXPECT_FALSE(RemoveFile(Path("other")));
+}
+
+TEST_F(FilesTest, BaseNameTakesDirectoryAndSuffixAway) {
+  SStringList paths = "config/Dispatch.install";
+  paths.Push("POP");
+  paths.Push("/a/.install");
+  paths.Push("x.install.old");
+  EXPECT_EQ(BaseName(paths, ".install").Join("|"),
+            "Dispatch|POP||x.install.old");
+  EXPECT_EQ(BaseName(paths, "").Join("|"),
+            "Dispatch.install|POP|.install|x.install.old");
+}
+
+TEST_F(FilesTest, OwnerAndGroupAreThoseOfALinkItself) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "giving files away takes root";
+  }
+  const SString file = Make("file", "");
+  const SString link = Path("link");
+  ASSERT_EQ(0, symlink("file", link));
+  ASSERT_EQ(0, lchown(link, 1, 2));
+  EXPECT_EQ(FileOwner(file), "root");
+  EXPECT_EQ(FileGroup(file), "root");
+  EXPECT_EQ(FileOwner(link), "daemon");
+  EXPECT_EQ(FileGroup(link), "bin");
+  ASSERT_EQ(0, chown(file, 54321, 54321));
+  EXPECT_EQ(FileOwner(file), "");
+  EXPECT_EQ(FileGroup(file), "");
+  EXPECT_EQ(FileOwner(Path("missing")), "");
+}
+
+TEST_F(FilesTest, WriteAllReportsAFullDevice) {
+  const SDescriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+  EXPECT_FALSE(WriteAll(full.Get(), "x"));
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_TRUE(WriteAll(full.Get(), ""));
+}
+
+TEST_F(FilesTest, DirectoriesAreSyncedByTheNamesInThem) {
+  EXPECT_TRUE(SyncDirectoryOf(Path("file")));
+  EXPECT_TRUE(SyncDirectoryOf("/file"));
+  EXPECT_FALSE(SyncDirectoryOf(Path("missing/file")));
+}
+
+TEST_F(FilesTest, DescriptorsAreClosedOnceAndKeepErrno) {
+  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  {
+    SDescriptor first(fd);
+    SDescriptor second(std::move(first));
+    SDescriptor third;
+    third = std::move(second);
+    EXPECT_EQ(third.Get(), fd);
+    errno = EXDEV;
+  }
+  EXPECT_EQ(errno, EXDEV);
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+  SDescriptor closed(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  EXPECT_TRUE(closed.Close());
+  EXPECT_FALSE(closed.IsOpen());
+}
+
+}  // namespace
