@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/rehearse/Descriptor.h"
+#include "tools/rehearse/Problem.h"
+
+/// One file system of the rehearsal: what the host has, never written to, and
+/// what the rehearsal wrote over it.
+struct Layer {
+  std::string mount_point;  // in the rehearsal, "" for its root
+  Descriptor lower;         // the host's directory, read-only
+  Descriptor upper;         // the overlay's own files, in memory
+};
+
+/// What `BuildRoot` made.
+struct Root {
+  std::vector<Layer> layers;
+  std::vector<std::string> read_only;  // file systems that can't be overlaid
+};
+
+/// Turns this process's own mount name space into the rehearsal's: overlays
+/// over `directory` and over every file system mounted below it, with devices,
+/// /proc and /sys of their own, and makes that the root directory.  All that
+/// is written is kept in memory that nobody outside can see, and goes with the
+/// name space.  The process must be the first of a new process name space.
+[[nodiscard]] Problem BuildRoot(const std::string& directory, Root& root);
