@@ -6,11 +6,11 @@
 // Its first child is init in the name spaces and ends with it, however it ends.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -40,10 +40,11 @@ int Fail(const Problem& problem) {
 // A program that nobody waits for may not live on: the kernel kills init with
 // its parent, even when that is killed by SIGKILL.
 pid_t StartInside(const Start& start, int own_channel) {
-  const pid_t child = static_cast<pid_t>(
-      syscall(SYS_clone, CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET |
-                             CLONE_NEWUTS | CLONE_NEWIPC | SIGCHLD,
-              nullptr, nullptr, nullptr, 0));
+  const pid_t child =
+      static_cast<pid_t>(syscall(SYS_clone,
+                                 CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET |
+                                     CLONE_NEWUTS | CLONE_NEWIPC | SIGCHLD,
+                                 nullptr, nullptr, nullptr, 0));
   if (child != 0) {
     return child;
   }
@@ -64,7 +65,9 @@ int ExitStatusOf(int status) {
 class Outside {
  public:
   Outside(const Options& options, int channel, int terminal, int json)
-      : options_(options), channel_(channel), terminal_(terminal),
+      : options_(options),
+        channel_(channel),
+        terminal_(terminal),
         json_(json) {}
 
   int Run();
@@ -167,14 +170,15 @@ int TerminalOf() {
 
 int Rehearse(const Options& options) {
   if (geteuid() != 0) {
-    return Fail("must be run by root, to make name spaces and overlays; "
-                "nothing was run");
+    return Fail(
+        "must be run by root, to make name spaces and overlays; "
+        "nothing was run");
   }
   std::array<char, PATH_MAX> path = {};
   Start start;
   start.options = &options;
-  start.directory = getcwd(path.data(), path.size()) == nullptr ? "/"
-                                                                 : path.data();
+  start.directory =
+      getcwd(path.data(), path.size()) == nullptr ? "/" : path.data();
   Options resolved = options;
   if (realpath(options.root.c_str(), path.data()) == nullptr) {
     return Fail(ProblemOf(options.root));
@@ -199,8 +203,9 @@ int Rehearse(const Options& options) {
   start.terminal = TerminalOf();
   const pid_t child = StartInside(start, own.Get());
   if (child < 0) {
-    return Fail(ProblemOf("needs the right to make name spaces (a container "
-                          "may lack it); nothing was run"));
+    return Fail(
+        ProblemOf("needs the right to make name spaces (a container "
+                  "may lack it); nothing was run"));
   }
   other.Close();
   const int status =

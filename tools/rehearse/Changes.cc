@@ -22,7 +22,8 @@
 namespace {
 
 constexpr off_t kKeepBytes = 64 << 20;  // larger contents are not kept
-constexpr long kTickNanoseconds = 20'000'000;  // coarser than any clock of files
+constexpr long kTickNanoseconds =
+    20'000'000;  // coarser than any clock of files
 
 std::string Relative(const Layer& layer, const std::string& path) {
   const std::string rest = path.substr(layer.mount_point.size());
@@ -79,8 +80,8 @@ std::optional<FileState> StateAt(int directory, const std::string& name) {
 }
 
 Descriptor OpenRegular(const std::string& path) {
-  return Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW |
-                                           O_NONBLOCK | O_NOCTTY));
+  return Descriptor(open(
+      path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
 }
 
 bool HasMark(const Descriptor& file, const char* name) {
@@ -131,10 +132,10 @@ std::optional<FileState> Changes::Host(const std::string& path) const {
   const Layer& layer = LayerOf(path);
   const std::string relative = Relative(layer, path);
   const auto slash = relative.rfind('/');
-  const Descriptor directory = OpenBelow(
-      layer.lower.Get(),
-      slash == std::string::npos ? "." : relative.substr(0, slash),
-      O_PATH | O_DIRECTORY);
+  const Descriptor directory =
+      OpenBelow(layer.lower.Get(),
+                slash == std::string::npos ? "." : relative.substr(0, slash),
+                O_PATH | O_DIRECTORY);
   if (!directory.IsOpen()) {
     return std::nullopt;
   }
@@ -152,14 +153,12 @@ std::optional<FileState> Changes::Baseline(const std::string& path) const {
 void Changes::AddWhole(const Layer& layer, const std::string& path,
                        States& states) const {
   std::set<std::string> names;
-  for (std::string& name :
-       NamesIn(OpenBelow(layer.lower.Get(), Relative(layer, path),
-                         O_RDONLY | O_DIRECTORY))) {
+  for (std::string& name : NamesIn(OpenBelow(
+           layer.lower.Get(), Relative(layer, path), O_RDONLY | O_DIRECTORY))) {
     names.insert(std::move(name));
   }
-  for (std::string& name : NamesIn(Descriptor(
-           open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC |
-                                  O_NOFOLLOW)))) {
+  for (std::string& name : NamesIn(Descriptor(open(
+           path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW)))) {
     names.insert(std::move(name));
   }
   for (const std::string& name : names) {
@@ -178,9 +177,8 @@ void Changes::AddWhole(const Layer& layer, const std::string& path,
 
 void Changes::AddUpper(const Layer& layer, const std::string& path,
                        States& states) const {
-  for (const std::string& name :
-       NamesIn(OpenBelow(layer.upper.Get(), Relative(layer, path),
-                         O_RDONLY | O_DIRECTORY))) {
+  for (const std::string& name : NamesIn(OpenBelow(
+           layer.upper.Get(), Relative(layer, path), O_RDONLY | O_DIRECTORY))) {
     const std::string below = path + "/" + name;
     if (&LayerOf(below) != &layer) {
       continue;
@@ -193,8 +191,8 @@ void Changes::AddUpper(const Layer& layer, const std::string& path,
     }
     const std::optional<FileState> host = Host(below);
     const bool hosts_directory = host && S_ISDIR(host->status.st_mode);
-    states[below] = IsWhiteout(status) ? std::nullopt
-                                       : StateAt(AT_FDCWD, below);
+    states[below] =
+        IsWhiteout(status) ? std::nullopt : StateAt(AT_FDCWD, below);
     const bool merged = S_ISDIR(status.st_mode) && hosts_directory &&
                         !HasMark(own, "trusted.overlay.opaque") &&
                         !HasMark(own, "trusted.overlay.redirect");

@@ -6,15 +6,15 @@
 /// which the user sees, and the one that is init in the name spaces.
 struct Message {
   enum class Kind : char {
-    kFailed = 'F',     // to the host: a line for people, nothing was run
-    kNotFound = 'N',   // to the host: the program can't be run, errno
-    kStopped = 'S',    // to the host: the program was stopped, signal
-    kEnded = 'E',      // to the host: the wait status of the program
-    kText = 'T',       // to the host: the report for people
-    kJson = 'J',       // to the host: the report for programs
-    kSignal = 'K',     // to init: pass on a signal
-    kContinue = 'C',   // to init: let the program go on
-    kFinish = 'D'      // to init: all is saved, end
+    kFailed = 'F',    // to the host: a line for people, nothing was run
+    kNotFound = 'N',  // to the host: the program can't be run, errno
+    kStopped = 'S',   // to the host: the program was stopped, signal
+    kEnded = 'E',     // to the host: the wait status of the program
+    kText = 'T',      // to the host: the report for people
+    kJson = 'J',      // to the host: the report for programs
+    kSignal = 'K',    // to init: pass on a signal
+    kContinue = 'C',  // to init: let the program go on
+    kFinish = 'D'     // to init: all is saved, end
   };
   Kind kind = Kind::kFailed;
   std::string text;

@@ -35,8 +35,7 @@ bool Enquiry::Open() {
 
 void Enquiry::Answer(
     const std::function<std::string(const std::string&)>& answer) {
-  const Descriptor peer(
-      accept4(socket_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const Descriptor peer(accept4(socket_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
   // Who asks nothing, or doesn't listen, can't hold up the rehearsal.
   const timeval patience = {2, 0};
   setsockopt(peer.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);

@@ -29,9 +29,9 @@ namespace {
 
 // Rights of root that reach beyond the name spaces.
 constexpr std::array<int, 15> kHostCapabilities = {
-    CAP_SYS_MODULE, CAP_SYS_RAWIO,   CAP_SYS_BOOT,      CAP_SYS_TIME,
-    CAP_MKNOD,      CAP_SYSLOG,      CAP_WAKE_ALARM,    CAP_BLOCK_SUSPEND,
-    CAP_PERFMON,    CAP_BPF,         CAP_MAC_ADMIN,     CAP_MAC_OVERRIDE,
+    CAP_SYS_MODULE, CAP_SYS_RAWIO,     CAP_SYS_BOOT,          CAP_SYS_TIME,
+    CAP_MKNOD,      CAP_SYSLOG,        CAP_WAKE_ALARM,        CAP_BLOCK_SUSPEND,
+    CAP_PERFMON,    CAP_BPF,           CAP_MAC_ADMIN,         CAP_MAC_OVERRIDE,
     CAP_SYS_PACCT,  CAP_AUDIT_CONTROL, CAP_CHECKPOINT_RESTORE};
 // Rights that would let a program leave them on purpose.
 constexpr std::array<int, 2> kNameSpaceCapabilities = {CAP_SYS_ADMIN,
@@ -126,8 +126,8 @@ class Init {
 
 Problem Init::SetUp() {
   // Ordinary signals would end init when they come from its terminal.
-  for (const int signal : {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGTTOU, SIGTTIN,
-                           SIGTSTP, SIGPIPE}) {
+  for (const int signal :
+       {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGTTOU, SIGTTIN, SIGTSTP, SIGPIPE}) {
     ::signal(signal, SIG_IGN);
   }
   sigset_t chld;
@@ -227,8 +227,8 @@ void Init::BecomeProgram(int to_init) {
     _exit(127);
   }
   close(announcements);
-  for (const int signal : {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGTTOU, SIGTTIN,
-                           SIGTSTP, SIGPIPE}) {
+  for (const int signal :
+       {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGTTOU, SIGTTIN, SIGTSTP, SIGPIPE}) {
     ::signal(signal, SIG_DFL);
   }
   sigset_t none;
@@ -336,8 +336,8 @@ Findings Init::Find() {
   const auto now = ListProcesses();
   for (const auto& [id, process] : now) {
     const auto former = processes_.find(id);
-    if (id != program_ && (former == processes_.end() ||
-                           former->second.start != process.start)) {
+    if (id != program_ &&
+        (former == processes_.end() || former->second.start != process.start)) {
       findings.started.push_back(process);
     }
   }
@@ -360,7 +360,8 @@ Findings Init::Find() {
 void Init::Report() {
   const Findings findings = Find();
   const bool json = !options_.json.empty();
-  (void)(Send(start_.channel, json ? Message::Kind::kJson : Message::Kind::kText,
+  (void)(Send(start_.channel,
+              json ? Message::Kind::kJson : Message::Kind::kText,
               json ? ReportAsJson(findings) : ReportAsText(findings)) &&
          Send(start_.channel, Message::Kind::kEnded,
               std::to_string(program_status_)));
@@ -368,4 +369,6 @@ void Init::Report() {
 
 }  // namespace
 
-void RunInside(const Start& start) { Init(start).Run(); }
+void RunInside(const Start& start) {
+  Init(start).Run();
+}

@@ -29,10 +29,9 @@ std::size_t Utf8Length(const std::string& bytes, std::size_t i) {
     }
   }
   const unsigned second = byte(i + 1);
-  const bool refused = (first == 0xe0 && second < 0xa0) ||
-                       (first == 0xed && second >= 0xa0) ||
-                       (first == 0xf0 && second < 0x90) ||
-                       (first == 0xf4 && second >= 0x90);
+  const bool refused =
+      (first == 0xe0 && second < 0xa0) || (first == 0xed && second >= 0xa0) ||
+      (first == 0xf0 && second < 0x90) || (first == 0xf4 && second >= 0x90);
   return refused ? 0 : length;
 }
 

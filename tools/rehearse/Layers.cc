@@ -28,10 +28,10 @@ const std::string kNewRoot = kStage + "/root";
 
 // File systems that are made anew or that no rehearsal is to see.
 constexpr std::array<std::string_view, 20> kKernelFileSystems = {
-    "autofs",     "binfmt_misc", "bpf",        "cgroup",  "cgroup2",
-    "configfs",   "debugfs",     "devpts",     "devtmpfs", "efivarfs",
-    "fusectl",    "hugetlbfs",   "mqueue",     "nsfs",    "proc",
-    "pstore",     "rpc_pipefs",  "securityfs", "sysfs",   "tracefs"};
+    "autofs",   "binfmt_misc", "bpf",        "cgroup",   "cgroup2",
+    "configfs", "debugfs",     "devpts",     "devtmpfs", "efivarfs",
+    "fusectl",  "hugetlbfs",   "mqueue",     "nsfs",     "proc",
+    "pstore",   "rpc_pipefs",  "securityfs", "sysfs",    "tracefs"};
 
 struct Mount {
   std::string path;
@@ -40,9 +40,9 @@ struct Mount {
 };
 
 bool IsBelow(const std::string& path, const std::string& directory) {
-  return directory == "/" || (path.size() > directory.size() &&
-                              path.starts_with(directory) &&
-                              path[directory.size()] == '/');
+  return directory == "/" ||
+         (path.size() > directory.size() && path.starts_with(directory) &&
+          path[directory.size()] == '/');
 }
 
 // mountinfo writes blanks and backslashes as octal escapes.
@@ -110,9 +110,8 @@ std::vector<Mount> MountsBelow(const std::string& directory) {
       mounts.push_back(mount);
     }
   }
-  std::sort(mounts.begin(), mounts.end(), [](const Mount& a, const Mount& b) {
-    return a.path < b.path;
-  });
+  std::sort(mounts.begin(), mounts.end(),
+            [](const Mount& a, const Mount& b) { return a.path < b.path; });
   return mounts;
 }
 
@@ -181,8 +180,7 @@ bool CopyMountedFile(const std::string& source, const std::string& target) {
          CopyAttributes(from.Get(), target);
 }
 
-Problem AddMount(const Mount& mount, const std::string& directory,
-                 Root& root) {
+Problem AddMount(const Mount& mount, const std::string& directory, Root& root) {
   const std::string place =
       directory == "/" ? mount.path : mount.path.substr(directory.size());
   const std::string target = kNewRoot + place;
@@ -274,8 +272,7 @@ Problem AddKernelViews() {
 }
 
 Problem EnterRoot() {
-  if (chdir(kNewRoot.c_str()) != 0 ||
-      syscall(SYS_pivot_root, ".", ".") != 0 ||
+  if (chdir(kNewRoot.c_str()) != 0 || syscall(SYS_pivot_root, ".", ".") != 0 ||
       umount2(".", MNT_DETACH) != 0 || chdir("/") != 0) {
     return ProblemOf("can't enter the rehearsal's root directory");
   }

@@ -84,8 +84,7 @@ std::string ProcessName(pid_t id) {
 }
 
 std::string ProcessStatus(pid_t id, const std::string& field) {
-  std::istringstream lines(
-      ReadFile("/proc/" + std::to_string(id) + "/status"));
+  std::istringstream lines(ReadFile("/proc/" + std::to_string(id) + "/status"));
   for (std::string line; std::getline(lines, line);) {
     if (line.starts_with(field + ":\t")) {
       return line.substr(field.size() + 2);

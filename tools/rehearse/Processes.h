@@ -9,8 +9,8 @@
 /// A process of the rehearsal.
 struct Process {
   pid_t id = 0;
-  std::string name;     // what the process table keeps of it
-  std::string command;  // its arguments, joined by blanks
+  std::string name;              // what the process table keeps of it
+  std::string command;           // its arguments, joined by blanks
   unsigned long long start = 0;  // tells processes apart whose id is the same
 };
 

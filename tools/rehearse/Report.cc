@@ -44,9 +44,9 @@ struct Owners {
 };
 
 const char* TypeOf(mode_t mode) {
-  return S_ISREG(mode)   ? "file"
-         : S_ISDIR(mode) ? "directory"
-         : S_ISLNK(mode) ? "link"
+  return S_ISREG(mode)    ? "file"
+         : S_ISDIR(mode)  ? "directory"
+         : S_ISLNK(mode)  ? "link"
          : S_ISFIFO(mode) ? "fifo"
          : S_ISSOCK(mode) ? "socket"
                           : "device";
@@ -140,8 +140,8 @@ std::string ListenerLines(const std::vector<Listener>& listeners) {
   std::string text;
   for (const Listener& listener : listeners) {
     text += "  " + listener.protocol + " " + listener.address + " port " +
-            std::to_string(listener.port) + "  " +
-            Printable(listener.process) + "\n";
+            std::to_string(listener.port) + "  " + Printable(listener.process) +
+            "\n";
   }
   return text;
 }

@@ -28,9 +28,12 @@ constexpr unsigned kArchitecture = AUDIT_ARCH_AARCH64;
 // Not in the headers of Debian 12's C library.
 constexpr unsigned kWaitKillable = 1U << 5;
 
-constexpr std::array<int, 6> kCalls = {
-    SYS_kill,           SYS_tkill,           SYS_tgkill,
-    SYS_rt_sigqueueinfo, SYS_rt_tgsigqueueinfo, SYS_pidfd_send_signal};
+constexpr std::array<int, 6> kCalls = {SYS_kill,
+                                       SYS_tkill,
+                                       SYS_tgkill,
+                                       SYS_rt_sigqueueinfo,
+                                       SYS_rt_tgsigqueueinfo,
+                                       SYS_pidfd_send_signal};
 
 sock_filter Statement(unsigned code, unsigned value) {
   return {static_cast<unsigned short>(code), 0, 0, value};
@@ -46,14 +49,14 @@ std::array<sock_filter, kCalls.size() + 5> MakeFilter() {
   std::array<sock_filter, kCalls.size() + 5> filter = {};
   const std::size_t announce = filter.size() - 1;
   const std::size_t allow = announce - 1;
-  filter[0] = Statement(BPF_LD | BPF_W | BPF_ABS,
-                        offsetof(struct seccomp_data, arch));
+  filter[0] =
+      Statement(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, arch));
   filter[1] = Jump(kArchitecture, 0, allow - 2);
   filter[2] =
       Statement(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr));
   for (std::size_t i = 0; i < kCalls.size(); ++i) {
-    filter[3 + i] = Jump(static_cast<unsigned>(kCalls[i]),
-                         announce - (4 + i), 0);
+    filter[3 + i] =
+        Jump(static_cast<unsigned>(kCalls[i]), announce - (4 + i), 0);
   }
   filter[allow] = Statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
   filter[announce] = Statement(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF);
@@ -97,17 +100,16 @@ int SignalWatch::Announce() {
   auto filter = MakeFilter();
   const sock_fprog program = {filter.size(), filter.data()};
   const auto install = [&program](unsigned flags) {
-    return static_cast<int>(
-        syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER,
-                flags | SECCOMP_FILTER_FLAG_NEW_LISTENER, &program));
+    return static_cast<int>(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER,
+                                    flags | SECCOMP_FILTER_FLAG_NEW_LISTENER,
+                                    &program));
   };
   const int fd = install(kWaitKillable);
   return fd >= 0 ? fd : install(0);
 }
 
 bool SignalWatch::Take(pid_t process, int fd) {
-  const Descriptor pidfd(
-      static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+  const Descriptor pidfd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
   announcements_ = Descriptor(
       static_cast<int>(syscall(SYS_pidfd_getfd, pidfd.Get(), fd, 0)));
   return announcements_.IsOpen();
@@ -140,8 +142,7 @@ void SignalWatch::Note() {
 
 void SignalWatch::NoteCall(pid_t sender, int call,
                            const unsigned long long* arguments) {
-  const bool has_group =
-      call == SYS_tgkill || call == SYS_rt_tgsigqueueinfo;
+  const bool has_group = call == SYS_tgkill || call == SYS_rt_tgsigqueueinfo;
   const int signal = static_cast<int>(arguments[has_group ? 2 : 1]);
   auto target = static_cast<pid_t>(arguments[0]);
   if (call == SYS_pidfd_send_signal) {
@@ -154,10 +155,10 @@ void SignalWatch::NoteCall(pid_t sender, int call,
   }
   for (const auto& [id, process] : ListProcesses()) {
     const bool meant =
-        target > 0     ? id == target
-        : target == -1 ? id != sender_id
-                       : GroupOf(id) == (target == 0 ? GroupOf(sender_id)
-                                                     : -target);
+        target > 0 ? id == target
+        : target == -1
+            ? id != sender_id
+            : GroupOf(id) == (target == 0 ? GroupOf(sender_id) : -target);
     if (meant && id != sender_id && MaySignal(sender, id)) {
       noted_.push_back({process, ProcessName(sender_id), sender_id, signal});
     }
