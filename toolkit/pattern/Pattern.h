@@ -5,6 +5,10 @@
 #include <string_view>
 #include <vector>
 
+namespace pattern {
+struct Code;
+}
+
 /// Where a match and its groups lie in a text.  Entry 0 is the whole match,
 /// entry n the group whose opening parenthesis is the n-th.
 struct SMatch {
@@ -19,12 +23,10 @@ struct SMatch {
   std::vector<Span> spans;
 };
 
-/// A compiled pattern.  Immutable.
+/// A compiled pattern.  Immutable.  The dialect, the method and the limits are
+/// described in docs/patterns.md.
 class SPattern {
  public:
-  /// The flat program that a pattern is compiled to.
-  struct Program;
-
   /// The compiled form of `expression`, from a small cache of the process;
   /// never null.  An expression that can't be parsed gives a pattern that
   /// matches nothing.
@@ -52,5 +54,5 @@ class SPattern {
 
  private:
   explicit SPattern(std::string_view expression);
-  std::unique_ptr<const Program> program_;
+  std::unique_ptr<const pattern::Code> code_;
 };
