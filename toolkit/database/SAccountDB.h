@@ -81,6 +81,8 @@ class SAccountDB {
   /// True when an account has the UID without regard to ASCII case, or when it
   /// is reserved ("Postmaster", "Root", the special accounts).
   [[nodiscard]] bool IsUIDTaken(const SString& uid) const;
+  /// For `GenerateAccountUID`: the suffix to try next for this base, 0 at first.
+  [[nodiscard]] int& NextSuffix(const SString& base);
 
  protected:
   friend class SAccountMod;
