@@ -2,6 +2,8 @@
 
 #include "driver/FullInstall.h"
 
+#include "accounts/SetupAdminAccount.h"
+#include "accounts/SetupSpecialAccounts.h"
 #include "console/Console.h"
 #include "driver/Initialize.h"
 #include "driver/StartDaemon.h"
@@ -12,6 +14,8 @@
 #include "host/InstallSendmail.h"
 #include "host/KillSendmail.h"
 #include "host/KillServers.h"
+#include "serverconfig/ConfigureFeatures.h"
+#include "serverconfig/UpdateConfiguration.h"
 
 namespace {
 
@@ -23,7 +27,11 @@ constexpr SInstallTask kTasks[] = {
     {"AskToContinue", AskToContinue},
     {"Initialize", Initialize},
     {"CreateMailboxDir", CreateMailboxDir},
+    {"UpdateConfiguration", UpdateConfiguration},
     {"FixMaildropDir", FixMaildropDir},
+    {"SetupSpecialAccounts", SetupSpecialAccounts},
+    {"ConfigureFeatures", ConfigureFeatures},
+    {"SetupAdminAccount", SetupAdminAccount},
     {"EditInetdConf", EditInetdConf},
     {"KillSendmail", KillSendmail},
     {"InstallSendmail", InstallSendmail},

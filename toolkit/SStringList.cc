@@ -114,7 +114,12 @@ const SString& SStringList::Get(int i) const {
 }
 
 SString& SStringList::operator[](int i) {
-  return elements_[shifted_ + static_cast<unsigned>(i)];
+  if (i >= 0 && i < Count()) {
+    return elements_[shifted_ + static_cast<unsigned>(i)];
+  }
+  static SString outside;
+  outside = "";
+  return outside;
 }
 
 int SStringList::Count() const {

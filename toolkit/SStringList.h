@@ -31,7 +31,8 @@ class SStringList {
   /// The element at `i`; "" outside of the list.
   [[nodiscard]] const SString& Get(int i) const;
   [[nodiscard]] const SString& operator[](int i) const { return Get(i); }
-  /// The element at `i`, which must exist, to be changed in place.
+  /// The element at `i`, to be changed in place; outside of the list an empty
+  /// string that belongs to nobody.
   SString& operator[](int i);
 
   [[nodiscard]] int Count() const;

@@ -76,6 +76,12 @@ TEST(SStringListTest, ElementsOutsideAreEmpty) {
   const SStringList list = ListOf({"a"});
   EXPECT_EQ(list.Get(1), "");
   EXPECT_EQ(list.Get(-1), "");
+  // Also of a list that could be changed, such as the result of a call.
+  EXPECT_EQ(SStringList()[0], "");
+  SStringList changed;
+  changed[3] = "nobody's";
+  EXPECT_EQ(changed[3], "");
+  EXPECT_EQ(changed.Count(), 0);
 }
 
 TEST(SStringListTest, InsertAndSpliceClampTheirPositions) {

@@ -1,0 +1,4 @@
+#pragma once
+
+/// Makes the server's special accounts exist.
+bool SetupSpecialAccounts();
