@@ -14,7 +14,6 @@
 #include <string>
 
 #include "driver/Interrupts.h"
-#include "tests/TestChild.h"
 
 namespace {
 

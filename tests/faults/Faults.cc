@@ -9,6 +9,8 @@
 //                   torn    a write stores half of its bytes, then the process
 //                           is killed; any other call as with "kill"
 //                   kill    the process is killed before the call
+//                   signal  the process sends itself FAULT_SIGNAL (15) before the
+//                           call, which is made if it lives on
 //   FAULT_AT        the first call to be hit, counted from 1; none without it
 //   FAULT_TIMES     how many calls in a row are hit (1; 0 for all that follow)
 //   FAULT_ERRNO     what a failing call leaves: ENOSPC, EACCES ... or a number
@@ -51,7 +53,7 @@
 
 namespace {
 
-enum class Mode { kOff, kCount, kFail, kShort, kTorn, kKill };
+enum class Mode { kOff, kCount, kFail, kShort, kTorn, kKill, kSignal };
 enum class Verdict { kPass, kFail, kHalf, kHalfAndDie };
 
 struct Plan {
@@ -59,6 +61,7 @@ struct Plan {
   long first = 0;
   long times = 1;
   int error = EIO;
+  int signal = SIGTERM;
   std::string calls;
   std::string paths;
   int log = -1;
@@ -77,11 +80,9 @@ Mode ModeNamed(const std::string& name) {
   constexpr struct {
     const char* name;
     Mode mode;
-  } kModes[] = {{"count", Mode::kCount},
-                {"fail", Mode::kFail},
-                {"short", Mode::kShort},
-                {"torn", Mode::kTorn},
-                {"kill", Mode::kKill}};
+  } kModes[] = {{"count", Mode::kCount}, {"fail", Mode::kFail},
+                {"short", Mode::kShort}, {"torn", Mode::kTorn},
+                {"kill", Mode::kKill},   {"signal", Mode::kSignal}};
   for (const auto& known : kModes) {
     if (name == known.name) {
       return known.mode;
@@ -141,6 +142,7 @@ Plan MakePlan() {
   plan.first = NumberOr(Variable("FAULT_AT"), 0);
   plan.times = NumberOr(Variable("FAULT_TIMES"), 1);
   plan.error = ErrorNamed(Variable("FAULT_ERRNO"));
+  plan.signal = static_cast<int>(NumberOr(Variable("FAULT_SIGNAL"), SIGTERM));
   plan.calls = Variable("FAULT_CALLS");
   plan.paths = Variable("FAULT_PATHS");
   if (plan.mode != Mode::kOff) {
@@ -214,6 +216,9 @@ Verdict Judge(const char* call, const std::string& path, bool is_write) {
       Die();
     case Mode::kKill:
       Die();
+    case Mode::kSignal:
+      syscall(SYS_kill, syscall(SYS_getpid), plan.signal);
+      return Verdict::kPass;
     default:
       return Verdict::kPass;
   }

@@ -97,3 +97,32 @@ def every_call_kills(host, task, path, old, new, mode, answers=()):
         assert host.read(path) == new, where
         assert content == new or old in backups(host, path).values(), where
     assert whole >= len(calls) - 2
+
+
+def every_call_is_interrupted(host, task, path, old, new, answers=()):
+    """A signal comes at every call on the file or its backups.
+
+    It ends the run before the edit, and is noted and survived from there on.
+    """
+    def run(env):
+        host.write(path, old)
+        remove_backups(host, path)
+        return host.run("run_task", answers, [task], env=env)
+
+    calls = counted_calls(host, run, paths=path)
+    survived = 0
+    for at, call in enumerate(calls, 1):
+        where = f"signal at call {at}, {call}"
+        number = (1, 2, 3, 15)[at % 4]
+        done = run(environment("signal", at, paths=path, signal=number))
+        content, kept = host.read(path), backups(host, path)
+        if b"\nPlease wait until I'm finished with this.\n\n" in done.output:
+            survived += 1
+            assert done.status == 0, where
+            assert content == new and list(kept.values()) == [old], where
+        else:
+            assert done.status == 3, where
+            assert kept == ({} if content == old else {
+                f"{path.rsplit('/', 1)[1]}.bak": old}), where
+            assert content in (old, new), where
+    assert survived > 12

@@ -2,7 +2,8 @@
 
 import pytest
 
-from faults import every_call_fails, every_call_kills
+from faults import (every_call_fails, every_call_is_interrupted,
+                    every_call_kills)
 from harness import Signal, check_screen
 
 CONF = "/etc/inetd.conf"
@@ -194,3 +195,8 @@ def test_whatever_fails_the_file_is_old_or_new(host):
 def test_whatever_kills_it_the_file_or_its_backup_is_whole(host, mode):
     host.daemon("inetd")
     every_call_kills(host, "EditInetdConf", CONF, TWO, EDITED, mode)
+
+
+def test_an_interrupt_comes_before_or_after_the_edit(host):
+    host.daemon("inetd")
+    every_call_is_interrupted(host, "EditInetdConf", CONF, TWO, EDITED)

@@ -2,6 +2,7 @@
 
 import pytest
 
+from faults import environment
 from harness import check_screen
 
 REMINDERS = ["Shutdown sendmail daemon process", ""]
@@ -100,3 +101,19 @@ def test_found_without_a_process_listing(host):
     run = host.run_task("KillSendmail")
     check_screen(run, "KillSendmail/killed")
     assert daemon.signals() == [15]
+
+
+def test_one_delivered_signal_of_several_is_success(host):
+    daemons = [host.daemon("sendmail") for _ in range(3)]
+    env = environment("fail", 1, calls="kill", errno="ESRCH", times=2)
+    run = host.run_task("KillSendmail", env=env)
+    check_screen(run, "KillSendmail/killed")
+    assert [daemon.signals(0.1) for daemon in daemons] == [[], [], [15]]
+
+
+def test_no_delivered_signal_is_a_failure(host):
+    host.daemon("sendmail")
+    env = environment("fail", 1, calls="kill", errno="EPERM", times=0)
+    run = host.run_task("KillSendmail", env=env)
+    check_screen(run, "KillSendmail/not_killed")
+    assert (run.reminders, run.show_stoppers) == (REMINDERS, 1)

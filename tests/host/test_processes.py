@@ -2,6 +2,7 @@
 
 import pytest
 
+from faults import environment
 from harness import check_screen
 
 NETSTAT = "/usr/etc/netstat"
@@ -97,3 +98,26 @@ def test_names_of_processes_can_not_write_to_the_terminal(host, has_ps):
     run = host.run_task("KillServers")
     assert b"evil" in run.output
     assert b"\x1b" not in run.output and b"\x07" not in run.output
+
+
+@pytest.mark.parametrize("call, error", [("posix_spawn", "EAGAIN"),
+                                         ("pipe2", "EMFILE")])
+def test_a_host_without_free_processes_is_looked_at_all_the_same(
+        host, call, error):
+    daemon = host.daemon("other", ports=[25])
+    env = environment("fail", 1, calls=call, errno=error, times=0)
+    run = host.run_task("KillServers", answers=["no", "other"], env=env)
+    assert busy(run) == ["(port=25)"]
+    assert b"Killed other\n" in run.output
+    assert daemon.signals() == [15]
+
+
+def test_output_is_read_to_its_end_in_spite_of_interrupted_reads(host):
+    daemon = host.daemon("other", ports=[25])
+    for at in range(1, 6):
+        env = environment("fail", at, calls="read", paths="pipe:",
+                          errno="EINTR")
+        run = host.run_task("KillServers", answers=["no", ""], env=env,
+                            stdin="pty")
+        assert busy(run) == ["(port=25)"]
+    assert daemon.alive()

@@ -255,3 +255,18 @@ def test_whatever_kills_it_sendmail_is_old_or_new(host):
         assert host.readlink(SENDMAIL) == TARGET, where
         assert host.read(SENDMAIL + ".bak") == old, where
         assert backup_names(host) == ["sendmail.bak"], where
+
+
+def test_an_interrupt_leaves_the_old_program_or_the_link(host):
+    calls = calls_of(host)
+    for at, call in enumerate(calls, 1):
+        where = f"call {at}, {call}"
+        old = start_again(host)
+        env = environment("signal", at, paths="/usr/lib", signal=1)
+        run = host.run("run_task", args=["InstallSendmail"], env=env)
+        assert run.status == 3, where
+        if backup_names(host):
+            assert host.readlink(SENDMAIL) == TARGET, where
+            assert host.read(SENDMAIL + ".bak") == old, where
+        else:
+            assert host.read(SENDMAIL) == old, where

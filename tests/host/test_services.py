@@ -2,7 +2,8 @@
 
 import pytest
 
-from faults import every_call_fails, every_call_kills
+from faults import (every_call_fails, every_call_is_interrupted,
+                    every_call_kills)
 from harness import check_screen
 
 SERVICES = "/etc/services"
@@ -123,3 +124,7 @@ def test_whatever_fails_the_file_is_old_or_new(host):
 @pytest.mark.parametrize("mode", ["kill", "torn"])
 def test_whatever_kills_it_the_file_or_its_backup_is_whole(host, mode):
     every_call_kills(host, "AddServices", SERVICES, OTHERS, ADDED, mode)
+
+
+def test_an_interrupt_comes_before_or_after_the_edit(host):
+    every_call_is_interrupted(host, "AddServices", SERVICES, OTHERS, ADDED)
