@@ -2,6 +2,7 @@
 
 #include "driver/FullInstall.h"
 
+#include "accounts/AddUserAccounts.h"
 #include "accounts/SetupAdminAccount.h"
 #include "accounts/SetupSpecialAccounts.h"
 #include "console/Console.h"
@@ -31,6 +32,7 @@ constexpr SInstallTask kTasks[] = {
     {"FixMaildropDir", FixMaildropDir},
     {"SetupSpecialAccounts", SetupSpecialAccounts},
     {"ConfigureFeatures", ConfigureFeatures},
+    {"AddUserAccounts", [] { return AddUserAccounts(1); }},
     {"SetupAdminAccount", SetupAdminAccount},
     {"EditInetdConf", EditInetdConf},
     {"KillSendmail", KillSendmail},

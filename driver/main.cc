@@ -1,5 +1,6 @@
 // The program's entry, for both of its names.
 
+#include "accounts/AddUserAccounts.h"
 #include "console/Console.h"
 #include "console/Format.h"
 #include "driver/FullInstall.h"
@@ -15,7 +16,7 @@ constexpr const char* pz_Title = "Vellumcraft Setup";
 
 // Gives mail accounts to the host's users and does nothing else.
 bool AddAccountsOnly() {
-  return Initialize();
+  return Initialize() && AddUserAccounts(0);
 }
 
 }  // namespace

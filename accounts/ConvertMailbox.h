@@ -1,0 +1,8 @@
+#pragma once
+
+#include "toolkit/SString.h"
+
+/// Moves the mail of a spool mailbox into the POP mailbox of an account, one
+/// file per message.  True when that is done or there is nothing to convert;
+/// after false everything was told and the spool file is as it was.
+[[nodiscard]] bool ConvertMailbox(const SString& spool, const SString& uid);
