@@ -16,8 +16,9 @@ constexpr int kBytesPerStep = 16;
 
 Backtracker::Backtracker(const Code& code, std::string_view text, SMatch* match)
     : code_(code),
-      begin_(text.data()),
-      end_(text.data() + text.size()),
+      // A null pointer stands for "nowhere" below, so no text may begin there.
+      begin_(text.empty() ? "" : text.data()),
+      end_(begin_ + text.size()),
       sets_(code.sets.data()),
       left_(Allowance(text.size())),
       top_(stack_) {
@@ -25,6 +26,23 @@ Backtracker::Backtracker(const Code& code, std::string_view text, SMatch* match)
     match->spans.assign(static_cast<std::size_t>(code.groups) + 1, {});
     spans_ = match->spans.data();
   }
+}
+
+// Where the bytes end that `run` may match.
+const char* Backtracker::EndOfRun(const Instruction& run,
+                                  const char* from) const {
+  const char* limit = end_;
+  if (run.op == Op::kCount && limit - from > run.max) {
+    limit = from + run.max;
+  }
+  if (run.set == kAnySet) {
+    return limit;
+  }
+  const ByteSet& set = sets_[run.set];
+  while (from < limit && set.Has(*from)) {
+    ++from;
+  }
+  return from;
 }
 
 // The longest way to end `run` between `low` and `high`; null when none has a
@@ -65,6 +83,7 @@ bool Backtracker::CantStart(const Instruction* at, const char* position) const {
       return position == end_ ||
              static_cast<unsigned char>(*position) != at->byte;
     case Op::kRun:
+    case Op::kCount:
       if (at->min == 0) {
         return false;
       }
@@ -101,7 +120,7 @@ bool Backtracker::Resume(const Instruction** at, const char** position) {
           --top_;
           break;
         }
-        *at = frame.at + 1;
+        *at = frame.at + frame.at->target;
         *position = end;
         if (end == lowest) {
           --top_;
@@ -120,9 +139,9 @@ Outcome Backtracker::Try(std::size_t start, std::size_t* next) {
   const Instruction* const program = code_.instructions.data();
   const Instruction* const leading =
       code_.hints.leading_run < 0 ? nullptr : program + code_.hints.leading_run;
-  const Instruction* at = program;
-  const char* position = first;
-  const char* resumed = first;
+  const Instruction* at = program + code_.hints.behind_prefix;
+  const char* position = first + code_.hints.prefix.size();
+  const char* resumed = position;
   *next = start + 1;
   for (;;) {
     if (top_ == stack_ + kFrames) {
@@ -151,12 +170,9 @@ Outcome Backtracker::Try(std::size_t start, std::size_t* next) {
         ++position;
         ++at;
         continue;
-      case Op::kRun: {
-        const ByteSet& set = sets_[at->set];
-        const char* high = position;
-        while (high < end_ && set.Has(*high)) {
-          ++high;
-        }
+      case Op::kRun:
+      case Op::kCount: {
+        const char* const high = EndOfRun(*at, position);
         if (at == leading && position == first) {
           // Later starts within this run could only end it where this one
           // fails.
@@ -175,7 +191,7 @@ Outcome Backtracker::Try(std::size_t start, std::size_t* next) {
           *top_++ = {at, chosen - 1, Offset(lowest), Kind::kRun};
         }
         position = chosen;
-        ++at;
+        at += at->target;
         continue;
       }
       case Op::kBegin:

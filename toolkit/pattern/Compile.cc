@@ -15,13 +15,14 @@ namespace {
 
 constexpr int kUnbounded = -1;
 constexpr int kMaxCount = 65535;
+// Counts that fit the fields of kCount.
+constexpr int kMaxShortCount = 255;
 // Repeating and choosing between groups moves their code.  Expressions that
 // nest such groups by the thousand would move it for seconds.
 constexpr std::size_t kMaxMoved = std::size_t{1} << 26;
 
-// The first sets of every program, in the order of kClassLetters.
+// The first sets of every program, in this order; kAnySet follows.
 constexpr std::string_view kClassLetters = "dDsSwW";
-constexpr std::uint32_t kAnySet = 6;
 
 constexpr std::array<ByteSet, 7> MakeClasses() {
   std::array<ByteSet, 7> classes;
@@ -97,6 +98,7 @@ class Compiler {
   void RepeatGroup(std::size_t begin, bool empty, Quantifier quantifier);
   void Single();
   void RepeatSingle(const Instruction& single, Quantifier quantifier);
+  std::uint32_t SetOf(const Instruction& single);
   bool ParseAnchor();
   Instruction ParseSingle();
   Instruction ParseEscape();
@@ -201,10 +203,9 @@ void Compiler::RepeatGroup(std::size_t begin, bool empty,
     Fail();
     return;
   }
+  // From the split before an optional copy to the end.
   const auto end_of = [&](std::size_t copy) {
-    const std::size_t optional =
-        copies - std::max<std::size_t>(copy, static_cast<unsigned>(min));
-    return static_cast<std::ptrdiff_t>(optional * (length + 1));
+    return static_cast<std::ptrdiff_t>((copies - copy) * (length + 1));
   };
   if (min == 0) {
     Insert(begin, max == kUnbounded ? static_cast<std::ptrdiff_t>(length) + 2
@@ -238,26 +239,44 @@ void Compiler::Single() {
   }
 }
 
+// The set of the bytes that `single` matches.
+std::uint32_t Compiler::SetOf(const Instruction& single) {
+  if (single.op != Op::kByte) {
+    return single.set;
+  }
+  ByteSet set;
+  set.Add(single.byte);
+  code_->sets.push_back(set);
+  return static_cast<std::uint32_t>(code_->sets.size() - 1);
+}
+
 void Compiler::RepeatSingle(const Instruction& single, Quantifier quantifier) {
   const auto [min, max] = quantifier;
-  const bool unbounded = max == kUnbounded;
-  for (int i = unbounded ? 1 : 0; good_ && i < min; ++i) {
-    Emit(single);
-  }
-  if (unbounded) {
+  if (max == kUnbounded) {
+    for (int i = 1; good_ && i < min; ++i) {
+      Emit(single);
+    }
     Instruction run = single;
     run.op = Op::kRun;
     run.min = min > 0 ? 1 : 0;
-    if (single.op == Op::kByte) {
-      ByteSet set;
-      set.Add(single.byte);
-      run.set = static_cast<std::uint32_t>(code_->sets.size());
-      code_->sets.push_back(set);
-    }
+    run.set = SetOf(single);
+    run.target = 1;
     Emit(run);
+    return;
   }
-  for (int i = min; good_ && i < max; ++i) {
-    Emit(Op::kSplit, 2 * static_cast<std::ptrdiff_t>(max - i));
+  if (max > 1 && max <= kMaxShortCount) {
+    Instruction count = single;
+    count.op = Op::kCount;
+    count.min = static_cast<std::uint8_t>(min);
+    count.max = static_cast<std::uint8_t>(max);
+    count.set = SetOf(single);
+    count.target = 1 + min + 2 * (max - min);
+    Emit(count);
+  }
+  for (int i = 0; good_ && i < max; ++i) {
+    if (i >= min) {
+      Emit(Op::kSplit, 2 * static_cast<std::ptrdiff_t>(max - i));
+    }
     Emit(single);
   }
 }

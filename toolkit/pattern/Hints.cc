@@ -75,6 +75,7 @@ FirstBytes FindFirst(const Code& code, std::size_t from) {
         to_do[count++] = target;
         to_do[count++] = at + 1;
         break;
+      case Op::kCount:
       case Op::kOpen:
       case Op::kClose:
       case Op::kProgress:
@@ -196,7 +197,7 @@ void MandatoryWalk::Run() {
       at_start_ = false;
       continue;
     }
-    if (i.op == Op::kOpen || i.op == Op::kClose) {
+    if (i.op == Op::kOpen || i.op == Op::kClose || i.op == Op::kCount) {
       continue;
     }
     EndLiteral();
@@ -221,6 +222,16 @@ void PickRareByte(Hints* hints) {
       hints->literal_rare = i;
     }
   }
+}
+
+// The bytes that the program begins with, when nothing but "^" is before.
+void FindPrefix(Code* code) {
+  Hints& hints = code->hints;
+  std::size_t at = code->instructions[0].op == Op::kBegin ? 1 : 0;
+  for (; code->instructions[at].op == Op::kByte; ++at) {
+    hints.prefix += static_cast<char>(code->instructions[at].byte);
+  }
+  hints.behind_prefix = at;
 }
 
 bool BeginsAnchored(const Code& code) {
@@ -255,8 +266,9 @@ void CompleteInstructions(Code* code) {
       reach = std::max(reach, here + i.target);
     } else if (i.op == Op::kOpen || i.op == Op::kClose) {
       i.final = !code->has_progress && here >= reach;
-    } else if (i.op == Op::kRun) {
-      const FirstBytes next = FindFirst(*code, at + 1);
+    } else if (i.op == Op::kRun || i.op == Op::kCount) {
+      const FirstBytes next =
+          FindFirst(*code, at + static_cast<std::size_t>(i.target));
       if (next.known) {
         i.follow_kind = next.at_end ? Follow::kSetOrEnd : Follow::kSet;
         i.follow = static_cast<std::uint32_t>(code->sets.size());
@@ -266,7 +278,7 @@ void CompleteInstructions(Code* code) {
     }
   }
   // What lies in a loop may have to be restored.
-  std::ptrdiff_t loop = static_cast<std::ptrdiff_t>(instructions.size());
+  auto loop = static_cast<std::ptrdiff_t>(instructions.size());
   for (std::size_t at = instructions.size(); at-- > 0;) {
     Instruction& i = instructions[at];
     const auto here = static_cast<std::ptrdiff_t>(at);
@@ -275,6 +287,10 @@ void CompleteInstructions(Code* code) {
     } else if ((i.op == Op::kOpen || i.op == Op::kClose) && here >= loop) {
       i.final = false;
     }
+  }
+  const Hints& hints = code->hints;
+  if (!code->has_progress && (hints.anchored || hints.literal_first)) {
+    FindPrefix(code);
   }
   std::size_t at = 0;
   while (instructions[at].op == Op::kOpen) {

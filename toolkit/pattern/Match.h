@@ -38,7 +38,7 @@ class Backtracker {
   /// With `match` null the groups are not recorded.
   Backtracker(const Code& code, std::string_view text, SMatch* match);
 
-  /// Tries a match that begins at `start`.  After a failure `*next` is the
+  /// Tries a match that begins at `start`, where the prefix has been found.  After a failure `*next` is the
   /// next position where one may begin.
   Outcome Try(std::size_t start, std::size_t* next);
   [[nodiscard]] std::uint64_t Work(std::size_t length) const {
@@ -60,6 +60,8 @@ class Backtracker {
   static std::int64_t Allowance(std::size_t length) {
     return 256 + static_cast<std::int64_t>(length / 8);
   }
+  [[nodiscard]] const char* EndOfRun(const Instruction& run,
+                                     const char* from) const;
   const char* GiveBack(const Instruction& run, const char* high,
                        const char* low);
   [[nodiscard]] bool CantStart(const Instruction* at,

@@ -16,11 +16,16 @@ namespace pattern {
 /// that counted repetitions in each other can't eat the memory.
 constexpr std::size_t kMaxInstructions = 65536;
 
+/// The number of the set of all bytes, which every program has.
+constexpr std::uint32_t kAnySet = 6;
+
 enum class Op : std::uint8_t {
   kByte,      // one byte, `byte`
   kSet,       // one byte out of `set`
   kAny,       // any one byte
   kRun,       // as many bytes out of `set` as match, `min` (0 or 1) at least
+  kCount,     // `min` to `max` bytes out of `set`, and then to `target`; what
+              // lies between says the same byte by byte, one may go on there
   kBegin,     // "^"
   kEnd,       // "$"
   kOpen,      // group `target` begins here
@@ -46,8 +51,9 @@ struct Instruction {
   Op op = Op::kMatch;
   std::uint8_t byte = 0;
   std::uint8_t min = 0;
+  std::uint8_t max = 0;
   Follow follow_kind = Follow::kUnknown;
-  // kRun: `follow` excludes the run's bytes: it is never worth giving back.
+  // kRun, kCount: `follow` excludes the run's bytes: it is never worth giving back.
   // kOpen, kClose: every match passes here, once: nothing need be restored.
   bool final = false;
   std::int32_t target = 0;
@@ -67,6 +73,10 @@ struct Hints {
   std::string literal;
   std::size_t literal_rare = 0;
   bool literal_first = false;
+  // A text that matches begin with, as the search makes sure, and the
+  // instruction behind it.
+  std::string prefix;
+  std::size_t behind_prefix = 0;
   // A set of which some byte must occur, or null.
   bool has_required = false;
   ByteSet required;

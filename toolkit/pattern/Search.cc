@@ -54,10 +54,14 @@ bool MayEnd(const Hints& hints, std::string_view text) {
          hints.last.Has(text[text.size() - 2]);
 }
 
+bool MayBegin(const Hints& hints, std::string_view text) {
+  return hints.has_first && hints.prefix.empty()
+             ? !text.empty() && hints.first.Has(text.front())
+             : text.starts_with(hints.prefix);
+}
+
 bool MayMatch(const Hints& hints, std::string_view text, std::size_t from) {
-  if (hints.anchored &&
-      (from > 0 ||
-       (hints.has_first && (text.empty() || !hints.first.Has(text.front()))))) {
+  if (hints.anchored && (from > 0 || !MayBegin(hints, text))) {
     return false;
   }
   if (hints.has_last && !MayEnd(hints, text)) {
@@ -72,7 +76,10 @@ bool MayMatch(const Hints& hints, std::string_view text, std::size_t from) {
 // The first place at or after `from` where a match may begin.
 std::size_t NextStart(const Hints& hints, std::string_view text,
                       std::size_t from) {
-  if (hints.literal_first && !hints.literal.empty()) {
+  if (hints.anchored) {
+    return from == 0 ? from : kNone;
+  }
+  if (hints.literal_first) {
     return from > text.size() ? kNone : FindLiteral(hints, text, from);
   }
   if (hints.has_first) {
@@ -89,14 +96,17 @@ bool Search(const Code& code, std::string_view text, std::size_t from,
   if (!code.valid || from > text.size() || !MayMatch(hints, text, from)) {
     return false;
   }
+  std::size_t start = NextStart(hints, text, from);
+  if (start == kNone) {
+    return false;
+  }
   Backtracker backtracker(code, text, match);
   Outcome outcome = Outcome::kFailed;
-  std::size_t start = NextStart(hints, text, from);
   while (outcome == Outcome::kFailed && start != kNone) {
     std::size_t next = 0;
     outcome = backtracker.Try(start, &next);
     if (outcome == Outcome::kFailed) {
-      start = hints.anchored ? kNone : NextStart(hints, text, next);
+      start = NextStart(hints, text, next);
     }
   }
   effort->tried += backtracker.Work(text.size());

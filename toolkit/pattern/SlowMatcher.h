@@ -4,6 +4,7 @@
 // match.
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>

@@ -64,7 +64,24 @@ class Sets {
     }
     return known;
   }
-  // The same at a position where "^" or "$" may match.
+  // Reads the text backwards from `at` to `low` as long as all is known and
+  // the states are not marked; gives the position reached.
+  std::size_t ReadBack(const char* text, std::size_t low, std::size_t at,
+                       State* state) const {
+    const State* const table = table_.data();
+    State now = *state & kRow;
+    while (at > low) {
+      const State next = table[now + static_cast<unsigned char>(text[at - 1])];
+      if (next > kRow) {
+        break;
+      }
+      now = next;
+      --at;
+    }
+    *state = now;
+    return at;
+  }
+  // The set before `later` where "^" or "$" may match.
   State BeforeAt(State later, unsigned char byte, Place place) {
     return Make(later, byte, place);
   }
@@ -126,10 +143,10 @@ void Sets::SortInstructions() {
   std::vector<std::size_t> path;
   const auto next_of = [&](std::size_t at) {
     const Op op = in[at].op;
-    const bool falls_through = op == Op::kBegin || op == Op::kEnd ||
-                               op == Op::kOpen || op == Op::kClose ||
-                               op == Op::kSplit || op == Op::kBack ||
-                               (op == Op::kRun && in[at].min == 0);
+    const bool falls_through =
+        op == Op::kCount || op == Op::kBegin || op == Op::kEnd ||
+        op == Op::kOpen || op == Op::kClose || op == Op::kSplit ||
+        op == Op::kBack || (op == Op::kRun && in[at].min == 0);
     if (falls_through && seen[at + 1] == 0) {
       return at + 1;
     }
@@ -189,6 +206,7 @@ bool Sets::Lives(const Instruction& i, std::size_t at, const Word* later,
       return place.at_begin && here(1);
     case Op::kEnd:
       return place.at_end && here(1);
+    case Op::kCount:
     case Op::kOpen:
     case Op::kClose:
       return here(1);
@@ -330,21 +348,28 @@ State TwoPasses::Before(std::size_t at, State later) {
 // there is one.  Behind a dead state only the start of the text is different.
 bool TwoPasses::ReadBlock(std::size_t low, std::size_t high, bool any,
                           State* state) {
-  for (std::size_t at = high; at-- > low;) {
-    ++backward_;
-    *state = Before(at, *state);
-    if ((*state & (kStarts | kDead)) == 0) {
-      continue;
+  std::size_t at = high;
+  while (at > low) {
+    // The ends of the text take no part in the quick loop.
+    if (at > 1 && at < text_.size()) {
+      at = sets_.ReadBack(text_.data(), std::max<std::size_t>(low, 1), at,
+                          state);
+    }
+    if (at > low) {
+      --at;
+      *state = Before(at, *state);
     }
     if ((*state & kStarts) != 0) {
       start_ = at;
       if (any) {
+        backward_ += high - at;
         return true;
       }
-    } else if (at > low) {
+    } else if ((*state & kDead) != 0 && at > low) {
       at = low == 0 ? 1 : low;
     }
   }
+  backward_ += high - low;
   return false;
 }
 
@@ -440,6 +465,7 @@ void TwoPasses::Walk(SMatch* match) {
       case Op::kJump:
         at = target;
         break;
+      case Op::kCount:
       case Op::kBegin:
       case Op::kEnd:
       case Op::kProgress:

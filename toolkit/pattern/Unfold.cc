@@ -123,6 +123,9 @@ void Unfolder::EmitChain(State state) {
         out_.push_back(instruction);
         state = Enter(at + 1, depth);
         break;
+      case Op::kCount:
+        state = Enter(at + 1, level);
+        break;
       case Op::kJump:
         state = Enter(Target(at), level);
         break;
