@@ -18,10 +18,12 @@
 #include <array>
 #include <climits>
 #include <cstdlib>
+#include <sstream>
 
 #include "tools/rehearse/Channel.h"
 #include "tools/rehearse/Enquiry.h"
 #include "tools/rehearse/Inside.h"
+#include "tools/rehearse/Keep.h"
 
 namespace {
 
@@ -64,16 +66,20 @@ int ExitStatusOf(int status) {
 
 class Outside {
  public:
-  Outside(const Options& options, int channel, int terminal, int json)
+  Outside(const Options& options, const Start& start, int channel, pid_t init,
+          int json)
       : options_(options),
         channel_(channel),
-        terminal_(terminal),
+        terminal_(start.terminal),
+        init_(init),
         json_(json) {}
 
   int Run();
 
  private:
   bool Obey(const Message& message);
+  void PassOn(int signals);
+  void Keep(const std::string& paths);
   void Stop(int signal);
   [[nodiscard]] bool InForeground() const {
     return terminal_ >= 0 && tcgetpgrp(terminal_) == getpgrp();
@@ -82,7 +88,9 @@ class Outside {
   const Options& options_;
   const int channel_;
   const int terminal_;
+  const pid_t init_;
   const int json_;
+  bool ready_ = false;
   int status_ = kNotRehearsed;
 };
 
@@ -101,21 +109,50 @@ int Outside::Run() {
       continue;
     }
     if (sources[1].revents != 0) {
-      signalfd_siginfo signal = {};
-      if (read(signals.Get(), &signal, sizeof signal) == sizeof signal) {
-        (void)Send(channel_, Message::Kind::kSignal,
-                   std::to_string(signal.ssi_signo));
-      }
+      PassOn(signals.Get());
     }
     if (sources[0].revents != 0) {
       Message message;
       if (!Receive(channel_, message)) {
-        return Fail("the rehearsal was ended from outside");
+        return status_ == kNotRehearsed
+                   ? Fail("the rehearsal was ended from outside")
+                   : status_;
       }
       going_on = Obey(message);
     }
   }
   return status_;
+}
+
+// The program decides what a signal does; before it runs, nothing is lost.
+void Outside::PassOn(int signals) {
+  signalfd_siginfo signal = {};
+  if (read(signals, &signal, sizeof signal) != sizeof signal) {
+    return;
+  }
+  if (ready_) {
+    (void)Send(channel_, Message::Kind::kSignal,
+               std::to_string(signal.ssi_signo));
+  } else {
+    status_ = 128 + static_cast<int>(signal.ssi_signo);
+    kill(init_, SIGKILL);
+  }
+}
+
+// Init's root directory is the rehearsal's, and can be reached from here.
+void Outside::Keep(const std::string& paths) {
+  std::vector<std::string> list;
+  std::istringstream words(paths);
+  for (std::string path; std::getline(words, path, '\0');) {
+    list.push_back(path);
+  }
+  const std::string root = "/proc/" + std::to_string(init_) + "/root";
+  const Descriptor from(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  Problem problem = from.IsOpen() ? KeepFiles(list, from.Get(), options_.keep)
+                                  : ProblemOf(root);
+  if (!problem.empty()) {
+    (void)Fail(problem);
+  }
 }
 
 // Returns whether more is to come.
@@ -140,6 +177,12 @@ bool Outside::Obey(const Message& message) {
       if (!WriteAll(json_, message.text)) {
         (void)Fail(ProblemOf("can't write " + options_.json));
       }
+      return true;
+    case Message::Kind::kReady:
+      ready_ = true;
+      return true;
+    case Message::Kind::kKeep:
+      Keep(message.text);
       return true;
     case Message::Kind::kEnded:
       status_ = ExitStatusOf(std::atoi(message.text.c_str()));
@@ -209,7 +252,7 @@ int Rehearse(const Options& options) {
   }
   other.Close();
   const int status =
-      Outside(resolved, own.Get(), start.terminal, json.Get()).Run();
+      Outside(resolved, start, own.Get(), child, json.Get()).Run();
   // Init is gone when everything in its name spaces is.
   while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
   }

@@ -291,6 +291,7 @@ std::optional<Change> Changes::CompareOne(
   if (!change.before || !change.after) {
     change.kind =
         change.after ? Change::Kind::kCreated : Change::Kind::kRemoved;
+    change.content_changed = true;
     return change;
   }
   const struct stat& a = change.before->status;
@@ -305,33 +306,40 @@ std::optional<Change> Changes::CompareOne(
 }
 
 // A file that went from one name to another keeps its content and the time of
-// its last change, whether the overlay renamed it or copied it first.
+// its last change, whether the overlay renamed it or copied it first.  The
+// former name may be free now, or something else may have taken its place.
+bool Changes::IsMovedFrom(const Change& former, const Change& created) const {
+  if (former.kind == Change::Kind::kCreated || !former.before ||
+      !former.content_changed || !S_ISREG(former.before->status.st_mode) ||
+      !S_ISREG(created.after->status.st_mode) ||
+      former.before->status.st_size != created.after->status.st_size ||
+      !SameTime(former.before->status.st_mtim, created.after->status.st_mtim)) {
+    return false;
+  }
+  const std::optional<std::string> content = Before(former.path);
+  const Descriptor file = OpenRegular(created.path);
+  return content && file.IsOpen() && ReadAll(file.Get()) == *content;
+}
+
 void Changes::PairMoves(std::vector<Change>& changes) const {
+  std::set<std::string> gone;
   for (Change& created : changes) {
-    if (created.kind != Change::Kind::kCreated ||
-        !S_ISREG(created.after->status.st_mode)) {
+    if (created.kind != Change::Kind::kCreated) {
       continue;
     }
-    const struct stat& now = created.after->status;
-    for (Change& removed : changes) {
-      if (removed.kind != Change::Kind::kRemoved || removed.path.empty() ||
-          !S_ISREG(removed.before->status.st_mode) ||
-          removed.before->status.st_size != now.st_size ||
-          !SameTime(removed.before->status.st_mtim, now.st_mtim)) {
-        continue;
-      }
-      const std::optional<std::string> former = Before(removed.path);
-      const Descriptor file = OpenRegular(created.path);
-      if (former && file.IsOpen() && ReadAll(file.Get()) == *former) {
+    for (const Change& former : changes) {
+      if (!gone.contains(former.path) && IsMovedFrom(former, created)) {
         created.kind = Change::Kind::kMoved;
-        created.from = removed.path;
-        created.before = removed.before;
-        removed.path.clear();
+        created.from = former.path;
+        created.before = former.before;
+        gone.insert(former.path);
         break;
       }
     }
   }
-  std::erase_if(changes, [](const Change& c) { return c.path.empty(); });
+  std::erase_if(changes, [&gone](const Change& change) {
+    return change.kind == Change::Kind::kRemoved && gone.contains(change.path);
+  });
 }
 
 std::vector<Change> Changes::Compare() const {

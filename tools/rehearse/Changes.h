@@ -64,6 +64,8 @@ class Changes {
                                  const FileState& after) const;
   [[nodiscard]] std::optional<Change> CompareOne(
       const std::string& path, const std::optional<FileState>& now) const;
+  [[nodiscard]] bool IsMovedFrom(const Change& former,
+                                 const Change& created) const;
   void PairMoves(std::vector<Change>& changes) const;
 
   const Root& root_;

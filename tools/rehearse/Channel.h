@@ -6,12 +6,14 @@
 /// which the user sees, and the one that is init in the name spaces.
 struct Message {
   enum class Kind : char {
+    kReady = 'R',     // to the host: prepared, the program is about to run
     kFailed = 'F',    // to the host: a line for people, nothing was run
     kNotFound = 'N',  // to the host: the program can't be run, errno
     kStopped = 'S',   // to the host: the program was stopped, signal
     kEnded = 'E',     // to the host: the wait status of the program
     kText = 'T',      // to the host: the report for people
     kJson = 'J',      // to the host: the report for programs
+    kKeep = 'P',      // to the host: paths to keep, each ends in a NUL
     kSignal = 'K',    // to init: pass on a signal
     kContinue = 'C',  // to init: let the program go on
     kFinish = 'D'     // to init: all is saved, end

@@ -22,6 +22,7 @@
 
 #include "tools/rehearse/Changes.h"
 #include "tools/rehearse/Channel.h"
+#include "tools/rehearse/Dialogue.h"
 #include "tools/rehearse/Enquiry.h"
 #include "tools/rehearse/Report.h"
 
@@ -36,6 +37,9 @@ constexpr std::array<int, 15> kHostCapabilities = {
 // Rights that would let a program leave them on purpose.
 constexpr std::array<int, 2> kNameSpaceCapabilities = {CAP_SYS_ADMIN,
                                                        CAP_SYS_PTRACE};
+
+// How soon a program that waits for an answer is noticed.
+constexpr int kAskedMilliseconds = 20;
 
 bool DropCapabilities(bool privileged) {
   bool dropped = true;
@@ -80,6 +84,7 @@ class Init {
       return;
     }
     Mark();
+    (void)Send(start_.channel, Message::Kind::kReady, "");
     if (const int error = StartProgram(); error != 0) {
       (void)Send(start_.channel, Message::Kind::kNotFound,
                  std::to_string(error));
@@ -87,6 +92,9 @@ class Init {
     }
     while (!program_ended_) {
       Wait();
+    }
+    if (dialogue_.Fd() >= 0) {
+      dialogue_.Show();
     }
     TakeTerminal(getpgrp());
     Report();
@@ -116,6 +124,7 @@ class Init {
   Changes changes_;
   SignalWatch signals_;
   Enquiry enquiry_;
+  Dialogue dialogue_;
   Descriptor children_;  // tells of processes that ended or stopped
   std::map<pid_t, Process> processes_;  // at the baseline
   std::vector<Listener> listeners_;     // at the baseline
@@ -139,6 +148,12 @@ Problem Init::SetUp() {
   if (!children_.IsOpen() || prctl(PR_SET_DUMPABLE, 0) != 0) {
     return ProblemOf("can't watch processes");
   }
+  if (!options_.answers.empty()) {
+    Problem problem = dialogue_.ReadAnswers(options_.answers);
+    if (!problem.empty()) {
+      return problem;
+    }
+  }
   if (Problem problem = BuildRoot(options_.root, root_); !problem.empty()) {
     return problem;
   }
@@ -150,6 +165,12 @@ Problem Init::SetUp() {
   }
   if (chdir(start_.directory.c_str()) != 0) {
     (void)chdir("/");  // the rehearsed tree lacks it
+  }
+  if (!options_.answers.empty()) {
+    Problem problem = dialogue_.OpenTerminal();
+    if (!problem.empty()) {
+      return problem;
+    }
   }
   return Prepare();
 }
@@ -201,8 +222,10 @@ int Init::StartProgram() {
   if (program_ < 0) {
     return errno;
   }
-  setpgid(program_, program_);
-  TakeTerminal(program_);
+  if (dialogue_.Fd() < 0) {
+    setpgid(program_, program_);
+    TakeTerminal(program_);
+  }
   to_init.Close();
   // The child names the descriptor of its announcements and waits until it has
   // been taken; then it tells an errno or, by running the program, nothing.
@@ -219,7 +242,9 @@ int Init::StartProgram() {
 }
 
 void Init::BecomeProgram(int to_init) {
-  setpgid(0, 0);
+  if (dialogue_.Fd() < 0) {
+    setpgid(0, 0);
+  }
   int answer = SignalWatch::Announce();
   const int announcements = answer;
   if (write(to_init, &answer, sizeof answer) != sizeof answer ||
@@ -234,7 +259,8 @@ void Init::BecomeProgram(int to_init) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
-  if (DropCapabilities(options_.privileged)) {
+  const bool has_console = dialogue_.Fd() < 0 || dialogue_.UseTerminal();
+  if (has_console && DropCapabilities(options_.privileged)) {
     execvp(options_.program[0].c_str(), ArgumentsOf(options_.program).data());
   }
   const int error = errno;
@@ -249,12 +275,21 @@ void Init::TakeTerminal(pid_t group) const {
 }
 
 void Init::Wait() {
-  std::array<pollfd, 4> sources = {{{children_.Get(), POLLIN, 0},
+  std::array<pollfd, 5> sources = {{{children_.Get(), POLLIN, 0},
                                     {start_.channel, POLLIN, 0},
                                     {signals_.Fd(), POLLIN, 0},
-                                    {enquiry_.Fd(), POLLIN, 0}}};
-  if (poll(sources.data(), sources.size(), -1) < 0) {
+                                    {enquiry_.Fd(), POLLIN, 0},
+                                    {dialogue_.Fd(), POLLIN, 0}}};
+  const int patience = dialogue_.Fd() < 0 ? -1 : kAskedMilliseconds;
+  const int ready = poll(sources.data(), sources.size(), patience);
+  if (ready == 0) {
+    dialogue_.AnswerIfAsked();
+  }
+  if (ready <= 0) {
     return;
+  }
+  if ((sources[4].revents & POLLIN) != 0) {
+    dialogue_.Show();
   }
   if (sources[2].revents != 0) {
     signals_.Note();
@@ -359,10 +394,18 @@ Findings Init::Find() {
 
 void Init::Report() {
   const Findings findings = Find();
+  std::string paths;
+  for (const Change& change : findings.files) {
+    if (change.after) {
+      paths += change.path + '\0';
+    }
+  }
   const bool json = !options_.json.empty();
   (void)(Send(start_.channel,
               json ? Message::Kind::kJson : Message::Kind::kText,
               json ? ReportAsJson(findings) : ReportAsText(findings)) &&
+         (options_.keep.empty() ||
+          Send(start_.channel, Message::Kind::kKeep, paths)) &&
          Send(start_.channel, Message::Kind::kEnded,
               std::to_string(program_status_)));
 }

@@ -63,7 +63,8 @@ std::array<sock_filter, kCalls.size() + 5> MakeFilter() {
   return filter;
 }
 
-// The process that a descriptor of another process stands for.
+// The process that a descriptor of another process stands for: a pidfd or, as
+// pidfd_send_signal(2) takes them too, a directory of /proc.  0 if neither.
 pid_t ProcessOfDescriptor(pid_t holder, unsigned long long fd) {
   std::istringstream lines(ReadFile("/proc/" + std::to_string(holder) +
                                     "/fdinfo/" + std::to_string(fd)));
@@ -72,7 +73,13 @@ pid_t ProcessOfDescriptor(pid_t holder, unsigned long long fd) {
       return std::atoi(line.c_str() + 4);
     }
   }
-  return 0;
+  const std::string link =
+      "/proc/" + std::to_string(holder) + "/fd/" + std::to_string(fd);
+  std::array<char, 64> target = {};
+  const ssize_t n = readlink(link.c_str(), target.data(), target.size() - 1);
+  return n > 6 && std::string(target.data()).starts_with("/proc/")
+             ? std::atoi(target.data() + 6)
+             : 0;
 }
 
 pid_t GroupOf(pid_t process) {
@@ -150,7 +157,7 @@ void SignalWatch::NoteCall(pid_t sender, int call,
   }
   // A call comes from a thread; the process is what is known by name.
   const pid_t sender_id = std::atoi(ProcessStatus(sender, "Tgid").c_str());
-  if (signal == 0) {
+  if (signal == 0 || (call == SYS_pidfd_send_signal && target == 0)) {
     return;
   }
   for (const auto& [id, process] : ListProcesses()) {
