@@ -11,6 +11,7 @@ of tests/demo-host.  Everything on it ends with it.
 """
 
 import dataclasses
+import json
 import os
 import pathlib
 import pickle
@@ -332,10 +333,10 @@ class Host:
             self.remove(TASK_STATE)
         env = dict(more.pop("env", None) or {}, VC_TASK_STATE=TASK_STATE)
         run = self.run("run_task", answers, [task, *args], env=env, **more)
-        if self.exists(TASK_STATE):
-            import json
-            run.state = json.loads(
-                self.read(TASK_STATE).decode("utf-8", "surrogateescape"))
+        # A run that was ended leaves the file empty.
+        state = self.read(TASK_STATE) if self.exists(TASK_STATE) else b""
+        if state:
+            run.state = json.loads(state.decode("utf-8", "surrogateescape"))
             run.reminders = run.state.get("reminders")
             run.show_stoppers = run.state.get("show_stoppers")
         return run
