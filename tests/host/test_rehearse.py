@@ -559,7 +559,7 @@ def test_signals_are_told_with_name_number_and_sender(scratch):
 
 
 def test_a_signal_by_name_is_told(scratch):
-    found = report(scratch, "killall -HUP sleep", "--prepare",
+    found = report(scratch, "killall -HUP sleep; sleep 0.2", "--prepare",
                    DAEMON)
     assert [(one["name"], one["signal"], one["sender"])
             for one in found["signalled"]] == [("sleep", 1, "killall")]
