@@ -38,11 +38,7 @@ const char* Backtracker::EndOfRun(const Instruction& run,
   if (run.set == kAnySet) {
     return limit;
   }
-  const ByteSet& set = sets_[run.set];
-  while (from < limit && set.Has(*from)) {
-    ++from;
-  }
-  return from;
+  return sets_[run.set].FindOther(from, limit);
 }
 
 // The longest way to end `run` between `low` and `high`; null when none has a

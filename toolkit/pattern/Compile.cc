@@ -15,17 +15,17 @@ namespace {
 
 constexpr int kUnbounded = -1;
 constexpr int kMaxCount = 65535;
+constexpr std::size_t kUsualSets = 8;
 // Counts that fit the fields of kCount.
 constexpr int kMaxShortCount = 255;
 // Repeating and choosing between groups moves their code.  Expressions that
 // nest such groups by the thousand would move it for seconds.
 constexpr std::size_t kMaxMoved = std::size_t{1} << 26;
 
-// The first sets of every program, in this order; kAnySet follows.
 constexpr std::string_view kClassLetters = "dDsSwW";
 
-constexpr std::array<ByteSet, 7> MakeClasses() {
-  std::array<ByteSet, 7> classes;
+constexpr std::array<ByteSet, 6> MakeClasses() {
+  std::array<ByteSet, 6> classes;
   classes[0].AddRange('0', '9');
   for (const char c : {' ', '\t', '\n', '\f', '\r'}) {
     classes[2].Add(static_cast<unsigned char>(c));
@@ -38,11 +38,10 @@ constexpr std::array<ByteSet, 7> MakeClasses() {
     classes[i + 1] = classes[i];
     classes[i + 1].Invert();
   }
-  classes[kAnySet].Invert();
   return classes;
 }
 
-constexpr std::array<ByteSet, 7> kClasses = MakeClasses();
+constexpr std::array<ByteSet, 6> kClasses = MakeClasses();
 
 bool IsDigit(char c) {
   return c >= '0' && c <= '9';
@@ -98,6 +97,7 @@ class Compiler {
   void RepeatGroup(std::size_t begin, bool empty, Quantifier quantifier);
   void Single();
   void RepeatSingle(const Instruction& single, Quantifier quantifier);
+  std::uint32_t SetOfClass(std::size_t letter);
   std::uint32_t SetOf(const Instruction& single);
   bool ParseAnchor();
   Instruction ParseSingle();
@@ -118,6 +118,7 @@ class Compiler {
   std::vector<Instruction>& out_;
   Scope scope_;
   std::vector<Scope> outer_;
+  std::array<std::uint32_t, 6> class_sets_ = {};  // kAnySet: not used yet
 };
 
 // Code behind `at` moves by one; its own targets are distances and stay.
@@ -239,6 +240,17 @@ void Compiler::Single() {
   }
 }
 
+// The number of the set of the class; it becomes one of the program's when it
+// is first used.
+std::uint32_t Compiler::SetOfClass(std::size_t letter) {
+  std::uint32_t& number = class_sets_[letter];
+  if (number == kAnySet) {
+    number = static_cast<std::uint32_t>(code_->sets.size());
+    code_->sets.push_back(kClasses[letter]);
+  }
+  return number;
+}
+
 // The set of the bytes that `single` matches.
 std::uint32_t Compiler::SetOf(const Instruction& single) {
   if (single.op != Op::kByte) {
@@ -324,7 +336,7 @@ Instruction Compiler::ParseEscape() {
   const std::size_t letter = kClassLetters.find(c);
   if (letter != std::string_view::npos) {
     single.op = Op::kSet;
-    single.set = static_cast<std::uint32_t>(letter);
+    single.set = SetOfClass(letter);
     return single;
   }
   constexpr std::string_view kControls = "t\tn\nr\rf\f";
@@ -491,8 +503,8 @@ Quantifier Compiler::ParseQuantifier() {
 }
 
 bool Compiler::Run() {
-  code_->sets.reserve(kClasses.size() + 5);
-  code_->sets.assign(kClasses.begin(), kClasses.end());
+  code_->sets.reserve(kUsualSets);
+  code_->sets.emplace_back().Invert();
   out_.reserve(text_.size() + 4);
   while (good_ && More()) {
     Quantifier quantifier;

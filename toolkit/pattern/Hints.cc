@@ -161,13 +161,16 @@ class MandatoryWalk {
   const Code& code_;
   Hints& hints_;
   std::string literal_;
+  int required_count_ = 257;
   bool at_start_ = true;        // nothing but groups and "^" so far
   bool literal_first_ = false;  // the literal being collected began there
 };
 
 void MandatoryWalk::EndLiteral() {
-  const bool after_anchor = literal_first_ && hints_.anchored;
-  if (literal_.size() > hints_.literal.size() && !after_anchor) {
+  // With "^" a prefix is compared anyway, and one byte is not worth a search.
+  const bool useless =
+      hints_.anchored && (literal_first_ || literal_.size() < 2);
+  if (literal_.size() > hints_.literal.size() && !useless) {
     hints_.literal = literal_;
     hints_.literal_first = literal_first_;
   }
@@ -175,8 +178,9 @@ void MandatoryWalk::EndLiteral() {
 }
 
 void MandatoryWalk::Require(const ByteSet& set) {
-  if (!at_start_ &&
-      (!hints_.has_required || set.Count() < hints_.required.Count())) {
+  const int count = at_start_ ? required_count_ : set.Count();
+  if (count < required_count_) {
+    required_count_ = count;
     hints_.has_required = true;
     hints_.required = set;
   }
@@ -249,7 +253,9 @@ void FindHints(Code* code) {
   hints.anchored = BeginsAnchored(*code);
   MandatoryWalk(code).Run();
   PickRareByte(&hints);
-  if (!hints.literal_first) {
+  const bool has_prefix =
+      hints.anchored && code->instructions[1].op == Op::kByte;
+  if (!hints.literal_first && !has_prefix) {
     const FirstBytes first = FindFirst(*code, 0);
     hints.has_first = first.known && !first.at_end;
     hints.first = first.set;

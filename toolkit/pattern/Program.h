@@ -17,7 +17,7 @@ namespace pattern {
 constexpr std::size_t kMaxInstructions = 65536;
 
 /// The number of the set of all bytes, which every program has.
-constexpr std::uint32_t kAnySet = 6;
+constexpr std::uint32_t kAnySet = 0;
 
 enum class Op : std::uint8_t {
   kByte,      // one byte, `byte`

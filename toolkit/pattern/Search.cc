@@ -14,12 +14,12 @@ constexpr std::size_t kNone = static_cast<std::size_t>(-1);
 
 std::size_t FindByteOf(const ByteSet& set, std::string_view text,
                        std::size_t from) {
-  for (std::size_t i = from; i < text.size(); ++i) {
-    if (set.Has(text[i])) {
-      return i;
-    }
+  if (from > text.size()) {
+    return kNone;
   }
-  return kNone;
+  const char* const end = text.data() + text.size();
+  const char* const found = set.Find(text.data() + from, end);
+  return found == end ? kNone : static_cast<std::size_t>(found - text.data());
 }
 
 // Looks for the least common byte and then compares around it.
