@@ -7,9 +7,11 @@
 #include <cstring>
 #include <iostream>
 #include <iterator>
+#include <string>
+#include <vector>
 
-#include "toolkit/database/Sdbfile.h"
-#include "toolkit/database/Store.h"
+#include "toolkit/database/CheckDatabase.h"
+#include "toolkit/database/DatabaseFile.h"
 #include "toolkit/database/TextForm.h"
 
 namespace {
@@ -46,71 +48,96 @@ int Written(const SString& file) {
 }
 
 int Dump(const SString& file) {
-  SStore store;
-  if (!store.Open(file, false)) {
+  SDatabaseFile database;
+  std::string text;
+  if (!database.Open(file.Std(), SDatabaseFile::Access::kRead) ||
+      !DatabaseAsText(&database, &text)) {
     return FailByErrno(file);
   }
-  std::cout << DatabaseAsText(store.All());
+  std::cout << text;
   return Written(file);
+}
+
+// Fills a new file and puts it in place; an existing database is held against
+// other writers meanwhile, and a file that is none is left alone.
+bool Replace(const SString& file, const std::vector<SSection>& sections) {
+  SDatabaseFile former;
+  const bool exists = former.Open(file.Std(), SDatabaseFile::Access::kWrite);
+  SDatabaseFile fresh;
+  if ((!exists && errno != ENOENT) || !fresh.Begin(file.Std())) {
+    return false;
+  }
+  for (const SSection& section : sections) {
+    std::uint32_t id = SDatabaseFile::kNone;
+    if (!fresh.Store(section, &id)) {
+      return false;
+    }
+  }
+  return fresh.Install(exists ? &former : nullptr) && fresh.Close();
 }
 
 int Load(const SString& file) {
   const std::string text((std::istreambuf_iterator<char>(std::cin)),
                          std::istreambuf_iterator<char>());
-  SStore::Sections sections;
+  std::vector<SSection> sections;
   std::string problem;
+  if (std::cin.bad()) {
+    return Fail(file, "the input can't be read");
+  }
   if (!DatabaseFromText(text, &sections, &problem)) {
     return Fail(file, problem);
   }
-  const SString unfinished = UnfinishedPath(file);
-  const SDescriptor made = MakeDatabaseFile(unfinished, sections);
-  if (!made.IsOpen()) {
-    return FailByErrno(file);
-  }
-  if (!Rename(unfinished, file) || !SyncDirectoryOf(file)) {
-    const int cause = errno;
-    RemoveFile(unfinished);
-    errno = cause;
-    return FailByErrno(file);
-  }
-  return kDone;
+  return Replace(file, sections) ? kDone : FailByErrno(file);
 }
 
 int Get(const SString& file, const SString& section, const SString& key) {
-  SStore store;
-  if (!store.Open(file, false)) {
+  SDatabaseFile database;
+  if (!database.Open(file.Std(), SDatabaseFile::Access::kRead)) {
     return FailByErrno(file);
   }
-  const SStore::Section* found = store.Find(section.View());
-  if (found == nullptr || !found->keys.contains(key.View())) {
+  SSection found;
+  const std::uint32_t id = database.Find(section.View());
+  if ((id == SDatabaseFile::kNone && errno != 0) ||
+      (id != SDatabaseFile::kNone && !database.Read(id, &found))) {
+    return FailByErrno(file);
+  }
+  const SStringList values = found.Get(key.View());
+  if (!values.Defined()) {
     return Fail(file, "no key \"" + EscapeText(key.View(), true) + "\" in \"" +
                           EscapeText(section.View(), false) + "\"");
   }
-  for (const std::string& value : found->keys.find(key.View())->second) {
-    std::cout << EscapeText(value, false) << "\n";
+  for (const SString& value : values) {
+    std::cout << EscapeText(value.View(), false) << "\n";
   }
   return Written(file);
 }
 
 int Set(const SString& file, const SString& section, const SString& key,
-        const SStore::Values& values) {
-  if (!section.View().starts_with('/') || key.IsEmpty()) {
+        const SStringList& values) {
+  if (section[0] != '/' || key.IsEmpty()) {
     return Fail(file, "a section begins with \"/\", a key is not empty");
   }
-  SStore store;
-  SStore::Change change;
-  change.MakeSection(section.View());
-  change.Set(section.View(), key.View(), values);
-  if (!store.Open(file, true) || !store.Store(change) || !store.Close()) {
+  SDatabaseFile database;
+  if (!database.Open(file.Std(), SDatabaseFile::Access::kCreate)) {
+    return FailByErrno(file);
+  }
+  SSection changed;
+  std::uint32_t id = database.Find(section.View());
+  if ((id == SDatabaseFile::kNone && errno != 0) ||
+      (id != SDatabaseFile::kNone && !database.Read(id, &changed))) {
+    return FailByErrno(file);
+  }
+  changed.path = section;
+  changed.Set(key, values);
+  if (!database.Store(changed, &id) || !database.Close()) {
     return FailByErrno(file);
   }
   return kDone;
 }
 
 int Check(const SString& file) {
-  SStore store;
   std::string problem;
-  if (!store.Check(file, &problem)) {
+  if (!CheckDatabase(file.Std(), &problem)) {
     return problem.empty() ? FailByErrno(file) : Fail(file, problem);
   }
   return kDone;
@@ -132,7 +159,7 @@ int main(int argc, char** argv) {
     return Get(file, arguments.Get(3), arguments.Get(4));
   }
   if (command == "set" && argc >= 5) {
-    const SStore::Values values(argv + 5, argv + argc);
+    const SStringList values(argv + 5);
     return Set(file, arguments.Get(3), arguments.Get(4), values);
   }
   if (command == "check" && argc >= 3) {

@@ -1,20 +1,20 @@
-// Names of accounts: UIDs made of full names, paths of mailboxes.
+// The names that accounts and their mailboxes get.
 
+#include <cerrno>
+#include <climits>
 #include <cstdlib>
 
 #include "toolkit/Environment.h"
+#include "toolkit/database/AccountState.h"
+#include "toolkit/database/Hash.h"
 #include "toolkit/database/SAccountDB.h"
 
 namespace {
 
-constexpr std::size_t kLongestUID = 40;
+constexpr std::size_t kLongestBase = 40;
 
-// The FNV hash, 32 bits, variant 1a (Fowler, Noll, Vo).
-constexpr std::uint32_t kFnvOffset = 2166136261U;
-constexpr std::uint32_t kFnvPrime = 16777619U;
-
-bool BelongsIntoUID(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+bool MayStandInUID(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
          (c >= '0' && c <= '9') || static_cast<unsigned char>(c) >= 0x80;
 }
 
@@ -22,21 +22,21 @@ bool ContinuesCharacter(char c) {
   return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
 }
 
-std::string MakeBase(std::string_view full_name) {
+std::string BaseOf(std::string_view full_name) {
   std::string base;
   for (const char c : full_name) {
-    if (BelongsIntoUID(c)) {
-      base += c;
+    if (MayStandInUID(c)) {
+      base.push_back(c);
     } else if (!base.empty() && base.back() != '-') {
-      base += '-';
+      base.push_back('-');
     }
   }
-  if (base.size() > kLongestUID) {
-    std::size_t end = kLongestUID;
-    while (end > 0 && ContinuesCharacter(base[end])) {
-      --end;
+  if (base.size() > kLongestBase) {
+    std::size_t length = kLongestBase;
+    while (length > 0 && ContinuesCharacter(base[length])) {
+      --length;
     }
-    base.resize(end);
+    base.resize(length);
   }
   while (!base.empty() && base.back() == '-') {
     base.pop_back();
@@ -44,49 +44,72 @@ std::string MakeBase(std::string_view full_name) {
   return base.empty() ? "User" : base;
 }
 
-bool IsPlainFileName(std::string_view name) {
-  if (name.empty() || name == "." || name == "..") {
+bool IsPlainFileName(std::string_view uid) {
+  if (uid.empty() || uid == "." || uid == "..") {
     return false;
   }
-  for (const char c : name) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '/' || byte < 0x20 || byte == 0x7f) {
+  for (const char c : uid) {
+    if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
       return false;
     }
   }
   return true;
 }
 
+// The number of buckets; 0 when mailboxes aren't spread.
+std::uint32_t BucketCount() {
+  const SString text = GetEnv("MailboxBucketCount");
+  if (!text.HasMatch("^\\d{1,9}$") || text.Count('\n') != 0) {
+    return 0;
+  }
+  const long count = std::strtol(text, nullptr, 10);
+  return count < 2 ? 0 : static_cast<std::uint32_t>(count);
+}
+
+std::uint32_t Fnv1a(std::string_view text) {
+  std::uint32_t hash = 2166136261U;
+  for (const char c : text) {
+    hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+  }
+  return hash;
+}
+
 }  // namespace
 
+SString SAccountDB::GenerateUID(const SString& full_name) {
+  State& state = *state_;
+  const std::string base = BaseOf(full_name.View());
+  state.Follow();
+  if (state.suffix_removals != state.file.RemovalGeneration()) {
+    state.next_suffix.clear();
+    state.suffix_removals = state.file.RemovalGeneration();
+  }
+  // Suffixes below the remembered one were taken and still are.
+  int& suffix = state.next_suffix[std::string(SLowerCaseText(base).View())];
+  for (;; ++suffix) {
+    SString uid{std::string_view(base)};
+    if (suffix > 0) {
+      uid = uid + "-" + SString(suffix + 1);
+    }
+    if (!IsUIDTaken(uid)) {
+      return uid;
+    }
+  }
+}
+
 SString GenerateAccountUID(SAccountDB& database, const SString& full_name) {
-  const SString base(MakeBase(full_name.View()));
-  if (!database.IsUIDTaken(base)) {
-    return base;
-  }
-  int suffix = std::max(database.NextSuffix(base), 2);
-  SString uid = base + "-" + SString(suffix);
-  while (database.IsUIDTaken(uid)) {
-    ++suffix;
-    uid = base + "-" + SString(suffix);
-  }
-  database.NextSuffix(base) = suffix;
-  return uid;
+  return database.GenerateUID(full_name);
 }
 
 SString GetMailboxSubpath(const SString& uid) {
   if (!IsPlainFileName(uid.View())) {
-    return "";
+    return {};
   }
-  const long count = strtol(GetEnv("MailboxBucketCount"), nullptr, 10);
-  if (count < 2) {
+  const std::uint32_t buckets = BucketCount();
+  if (buckets == 0) {
     return uid;
   }
-  SString lower_uid = uid;
-  std::uint32_t hash = kFnvOffset;
-  for (const char c : lower_uid.LowerCase().View()) {
-    hash = (hash ^ static_cast<unsigned char>(c)) * kFnvPrime;
-  }
-  return SString(std::to_string(hash % static_cast<unsigned long>(count))) +
-         "/" + uid;
+  const std::uint32_t bucket =
+      Fnv1a(SLowerCaseText(uid.View()).View()) % buckets;
+  return SString(static_cast<int>(bucket)) + "/" + uid;
 }

@@ -1,45 +1,59 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <string>
-#include <string_view>
 
-// Layout of a database file; docs/database.md has the tables.  All numbers are
-// little-endian.
+// Layout of a database file.  docs/database.md tells it in words and tables;
+// the names here are the names there.
 
-constexpr std::string_view kMagic = "VCDB\r\n\x1a\n";
-constexpr std::uint32_t kFormatVersion = 1;
+namespace database_format {
 
-// The file's head: magic, version, checksum of both.  Two marks follow, each in
-// a disk sector of its own, written in turn: how much of the file is known to
-// be on disk.
-constexpr std::size_t kHeadSize = 16;
-constexpr std::size_t kMarkOffsets[] = {512, 1024};
-constexpr std::size_t kMarkSize =
-    24;  // turn (8), length (8), chain (4), sum (4)
-constexpr std::size_t kRecordsOffset = 1536;
+constexpr char kMagic[8] = {'V', 'C', 'D', 'B', '\r', '\n', '\x1a', '\n'};
+constexpr std::uint32_t kVersion = 1;
 
-// A record: length of its operations (4), checksum (4), operations.  The
-// checksum covers the record before, the length and the operations.
-constexpr std::size_t kRecordHead = 8;
-constexpr std::size_t kMaxRecord = std::size_t{1} << 30;
+// The head: three sectors, the last two written in turn.
+constexpr std::size_t kSectorSize = 512;
+constexpr std::size_t kHeadSize = 3 * kSectorSize;
+constexpr std::size_t kSectorChecksum = kSectorSize - 4;
 
-enum class Operation : unsigned char {
-  kMakeSection = 1,
-  kSet = 2,
-  kDeleteSection = 3,
+// First sector.
+constexpr std::size_t kHeadVersion = 8;
+constexpr std::size_t kHeadSalt = 16;
+
+// Marks.
+constexpr std::size_t kMarkNumber = 0;
+constexpr std::size_t kMarkSyncedEnd = 8;
+constexpr std::size_t kMarkIndex = 16;
+
+// Records.
+constexpr std::size_t kRecordChecksum = 0;
+constexpr std::size_t kRecordSize = 4;
+constexpr std::size_t kRecordPrevious = 8;
+constexpr std::size_t kRecordType = 12;
+constexpr std::size_t kRecordId = 16;
+constexpr std::size_t kRecordBody = 20;
+constexpr std::size_t kRecordAlignment = 8;
+constexpr std::size_t kSmallestRecord = 24;
+constexpr std::uint64_t kLargestRecord = 64U << 20;
+
+enum class RecordType : std::uint8_t {
+  kSection = 1,
+  kRemoved = 2,
+  kIndex = 3,
+  kReplaced = 4,
 };
 
-/// CRC-32C (Castagnoli; RFC 3720 appendix B.4), continued from `sum`.
-[[nodiscard]] std::uint32_t Checksum(std::string_view bytes,
-                                     std::uint32_t sum = 0);
+// Index records: head, then blocks of words.
+constexpr std::size_t kIndexBlocks = 24;
+constexpr std::size_t kIndexSections = 32;
+constexpr std::size_t kIndexLive = 40;
+constexpr std::size_t kIndexSlots = 48;
+constexpr std::size_t kIndexUsed = 56;
+constexpr std::size_t kIndexLiveBytes = 64;
+constexpr std::size_t kIndexHeadSize = 72;
+constexpr std::size_t kBlockSize = 4096;
+constexpr std::size_t kWordsInBlock = kBlockSize / 8 - 1;
 
-void AppendNumber(std::uint64_t number, int bytes, std::string* out);
-[[nodiscard]] std::uint64_t ReadNumber(std::string_view bytes, int size);
-/// A length (4) and the bytes.
-void AppendText(std::string_view text, std::string* out);
-/// Takes a text off the front; false when there is none.
-[[nodiscard]] bool TakeText(std::string_view* bytes, std::string_view* text);
-[[nodiscard]] bool TakeNumber(std::string_view* bytes, int size,
-                              std::uint64_t* number);
+/// The key whose values are found by `FindAddress`.
+constexpr char kAddressKey[] = "SMTP-Address";
+
+}  // namespace database_format

@@ -2,200 +2,124 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <set>
-#include <unordered_map>
 
-#include "toolkit/Environment.h"
-#include "toolkit/database/Lists.h"
-#include "toolkit/database/ReservedUIDs.h"
-#include "toolkit/database/Store.h"
+#include "toolkit/database/AccountState.h"
+#include "toolkit/database/Hash.h"
 
 namespace {
 
-constexpr const char* kFile = "Accounts";
-constexpr const char* kAddressField = "SMTP-Address";
+// Win over others with the same address, and are never given to users.
+constexpr std::string_view kReservedUIDs[] = {
+    "Postmaster", "Root", "Accounts",      "Configuration",
+    "Lists",      "Help", "Mailer-Daemon", "Nobody"};
 
-std::string LowerCased(std::string_view text) {
-  return SString(text).LowerCase().Std();
+bool IsReserved(std::string_view uid) {
+  return std::find(std::begin(kReservedUIDs), std::end(kReservedUIDs), uid) !=
+         std::end(kReservedUIDs);
 }
 
-bool IsReserved(const std::string& lower_uid) {
-  return std::any_of(
-      std::begin(kReservedUIDs), std::end(kReservedUIDs),
-      [&](const char* uid) { return LowerCased(uid) == lower_uid; });
+bool IsReservedInAnyCase(std::string_view uid) {
+  const SLowerCaseText wanted(uid);
+  return std::any_of(std::begin(kReservedUIDs), std::end(kReservedUIDs),
+                     [&](std::string_view reserved) {
+                       return SLowerCaseText(reserved).View() == wanted.View();
+                     });
 }
 
-std::string SectionOf(const SString& uid) {
+// An account's section lies directly below the top.
+bool IsAccountPath(std::string_view path) {
+  return path.size() > 1 && path.rfind('/') == 0;
+}
+
+std::string PathOf(const SString& uid) {
   return "/" + uid.Std();
 }
 
-SString UIDOf(std::string_view section) {
-  return SString(section.substr(1));
-}
-
-// The account file with its look-ups by address and by UID in any case.
-class AccountStore : public SStore {
- public:
-  [[nodiscard]] SString FindAddress(const std::string& lower_address) const {
-    const auto found = by_address_.find(lower_address);
-    return found == by_address_.end() ? SString()
-                                      : UIDOf(found->second.begin()->second);
-  }
-  [[nodiscard]] bool HasUID(const std::string& lower_uid) const {
-    return uids_.contains(lower_uid);
-  }
-  [[nodiscard]] std::set<std::string> Domains() const {
-    std::set<std::string> domains;
-    for (const auto& [address, owners] : by_address_) {
-      const std::size_t at = address.rfind('@');
-      if (at != std::string::npos && at + 1 < address.size()) {
-        domains.insert(address.substr(at + 1));
-      }
-    }
-    return domains;
-  }
-  // For each base of UIDs the number to try next; all before it are taken.
-  std::unordered_map<std::string, int> next_suffix;
-
- protected:
-  void BeforeChange(const std::string& name, const Section* section) override {
-    if (section == nullptr) {
-      return;
-    }
-    for (const std::string& address : AddressesOf(*section)) {
-      const auto found = by_address_.find(address);
-      if (found != by_address_.end()) {
-        found->second.erase(Rank(name, *section));
-        if (found->second.empty()) {
-          by_address_.erase(found);
-        }
-      }
-    }
-  }
-  void AfterChange(const std::string& name, const Section* section) override {
-    const std::string uid = LowerCased(std::string_view(name).substr(1));
-    if (section == nullptr) {
-      uids_.erase(uid);
-      next_suffix.clear();
-      return;
-    }
-    uids_.insert({uid, name});
-    for (const std::string& address : AddressesOf(*section)) {
-      by_address_[address].insert(Rank(name, *section));
-    }
-  }
-  void AfterReset() override {
-    by_address_.clear();
-    uids_.clear();
-    next_suffix.clear();
-  }
-
- private:
-  // Reserved accounts first, then in the order of creation.
-  using Owner = std::pair<std::uint64_t, std::string>;
-  static Owner Rank(const std::string& name, const Section& section) {
-    const bool reserved =
-        IsReserved(LowerCased(std::string_view(name).substr(1)));
-    return {reserved ? 0 : section.order + 1, name};
-  }
-  static std::vector<std::string> AddressesOf(const Section& section) {
-    std::vector<std::string> addresses;
-    const auto found = section.keys.find(kAddressField);
-    if (found != section.keys.end()) {
-      for (const std::string& address : found->second) {
-        addresses.push_back(LowerCased(address));
-      }
-    }
-    return addresses;
-  }
-
-  std::unordered_map<std::string, std::set<Owner>> by_address_;
-  std::unordered_map<std::string, std::string> uids_;
-};
-
 }  // namespace
 
-class SAccount::Fields {
- public:
-  SStore::Section section;
-};
+// Accounts
 
-class SAccountDB::State {
- public:
-  SString path = GetEnv("Vellumcraft") + "/config/" + kFile;
-  int open_error = 0;
-  AccountStore store;
-
-  // Opens for reading; a missing database is an empty one.
-  void OpenForReading() {
-    open_error = store.Open(path, false) || errno == ENOENT ? 0 : errno;
-  }
-  AccountStore& Current() {
-    if (!store.IsOpen() && open_error == 0) {
-      OpenForReading();
-    }
-    store.Refresh();
-    return store;
-  }
-  bool OpenForWriting() {
-    return (store.IsOpen() && store.IsForWriting()) || store.Open(path, true);
-  }
-};
-
-SAccount::SAccount() : fields_(std::make_shared<Fields>()) {}
+SAccount::SAccount() = default;
 SAccount::~SAccount() = default;
-SAccount::SAccount(const SAccount&) = default;
-SAccount& SAccount::operator=(const SAccount&) = default;
+
+SAccount::SAccount(const SAccount& other) {
+  *this = other;
+}
+
+SAccount& SAccount::operator=(const SAccount& other) {
+  if (this != &other) {
+    fields_ = other.fields_ == nullptr
+                  ? nullptr
+                  : std::make_shared<Fields>(*other.fields_);
+  }
+  return *this;
+}
 
 SStringList SAccount::Get(const SString& field) const {
-  return ValuesOf(fields_->section, field);
+  return fields_ == nullptr ? SStringList()
+                            : fields_->section.Get(field.View());
 }
 
 bool SAccountMod::Set(const SString& field, const SStringList& values) {
-  if (database_ == nullptr) {
-    errno = EBADF;
+  if (database_ == nullptr || field.IsEmpty()) {
+    errno = EINVAL;
     return false;
   }
-  const SStore::Values plain = PlainValues(values);
-  if (!is_new_) {
-    SStore::Change change;
-    change.Set(SectionOf(uid_), field.View(), plain);
-    if (!database_->state_->store.Store(change)) {
-      return false;
-    }
+  if (is_new_) {
+    fields_->section.Set(field, values);
+    return true;
   }
-  // Accounts that were copied from this one keep what they had.
-  fields_ = std::make_shared<Fields>(*fields_);
-  fields_->section.keys[field.Std()] = plain;
+  SAccountDB::State& state = *database_->state_;
+  if (!state.OpenForWriting() || !state.Refresh(uid_, fields_.get())) {
+    return false;
+  }
+  const SStringList former = fields_->section.Get(field.View());
+  fields_->section.Set(field, values);
+  if (!state.file.Store(fields_->section, &fields_->id)) {
+    const int cause = errno;
+    if (former.Defined()) {
+      fields_->section.Set(field, former);
+    } else {
+      fields_->generation = 0;
+    }
+    errno = cause;
+    return false;
+  }
+  fields_->generation = state.file.Generation();
   return true;
 }
 
 bool SAccountMod::Lock() {
   if (database_ == nullptr) {
-    errno = EBADF;
+    errno = EINVAL;
     return false;
   }
   if (!is_new_) {
     return true;
   }
-  const std::string section = SectionOf(uid_);
-  SStore::Change change;
-  change.MakeSection(section);
-  for (const auto& [field, values] : fields_->section.keys) {
-    change.Set(section, field, values);
+  SAccountDB::State& state = *database_->state_;
+  if (!state.OpenForWriting()) {
+    return false;
   }
-  is_new_ = !database_->state_->store.Store(change);
-  return !is_new_;
+  if (state.file.Find(fields_->section.path.View()) != SDatabaseFile::kNone) {
+    errno = EEXIST;
+    return false;
+  }
+  if (errno != 0 || !state.file.Store(fields_->section, &fields_->id)) {
+    return false;
+  }
+  fields_->generation = state.file.Generation();
+  is_new_ = false;
+  return true;
 }
 
-SAccountDB::SAccountDB() : state_(std::make_unique<State>()) {
-  state_->OpenForReading();
-}
+// Reading
 
+SAccountDB::SAccountDB() : state_(std::make_unique<State>()) {}
 SAccountDB::~SAccountDB() = default;
 
 bool SAccountDB::IsOpen() const {
-  return state_->open_error == 0;
+  return state_->Follow() || state_->open_error == 0;
 }
 
 int SAccountDB::OpenError() const {
@@ -203,84 +127,156 @@ int SAccountDB::OpenError() const {
 }
 
 bool SAccountDB::GetAccountInfo(const SString& uid, SAccount* account) const {
-  const SStore::Section* section = state_->Current().Find(SectionOf(uid));
-  if (section == nullptr) {
+  if (!IsAccountPath(PathOf(uid)) || !state_->Follow()) {
     return false;
   }
-  if (account != nullptr) {
-    account->fields_ = std::make_shared<SAccount::Fields>();
-    account->fields_->section = *section;
+  const std::uint32_t id = state_->file.Find(PathOf(uid));
+  if (id == SDatabaseFile::kNone) {
+    return false;
   }
+  if (account == nullptr) {
+    return true;
+  }
+  auto fields = std::make_shared<SAccount::Fields>();
+  if (!state_->file.Read(id, &fields->section)) {
+    return false;
+  }
+  fields->id = id;
+  fields->generation = state_->file.Generation();
+  account->fields_ = std::move(fields);
   return true;
 }
 
 SString SAccountDB::GetAccountUID(const S821Address& address) const {
-  if (address.IsNull() || !address.Route().IsEmpty()) {
-    return "";
+  if (address.IsNull() || !address.Route().IsEmpty() || !state_->Follow()) {
+    return {};
   }
-  return state_->Current().FindAddress(LowerCased(address.Text().View()));
+  const SString text = address.Text();
+  std::uint32_t found = SDatabaseFile::kNone;
+  bool is_reserved = false;
+  SString uid;
+  state_->file.ForEachWithAddress(
+      SLowerCaseText(text.View()).View(),
+      [&](std::uint32_t id, std::string_view path) {
+        const bool reserved = IsReserved(path.substr(1));
+        if (reserved == is_reserved ? id < found : reserved) {
+          found = id;
+          is_reserved = reserved;
+          uid = SString(path.substr(1));
+        }
+      });
+  return uid;
 }
 
 SStringList SAccountDB::GetLocalMailDomains() const {
-  SStringList domains;
-  for (const std::string& domain : state_->Current().Domains()) {
-    domains.Push(SString(std::string_view(domain)));
+  if (!state_->Follow()) {
+    return {};
   }
-  return domains;
+  if (state_->domains_generation == state_->file.Generation()) {
+    return state_->domains;
+  }
+  std::set<std::string, std::less<>> domains;
+  state_->ForEachBody([&](std::string_view body) {
+    SSectionCursor cursor(body);
+    std::string_view text;
+    while (IsAccountPath(cursor.Path()) && cursor.NextKey(&text)) {
+      if (text != database_format::kAddressKey) {
+        continue;
+      }
+      while (cursor.NextValue(&text)) {
+        const SLowerCaseText address(text);
+        const std::size_t at = address.View().rfind('@');
+        if (at != std::string_view::npos && at + 1 < address.View().size() &&
+            domains.find(address.View().substr(at + 1)) == domains.end()) {
+          domains.emplace(address.View().substr(at + 1));
+        }
+      }
+    }
+  });
+  state_->domains = SStringList();
+  for (const std::string& domain : domains) {
+    state_->domains.Push(SString(std::string_view(domain)));
+  }
+  state_->domains_generation = state_->file.Generation();
+  return state_->domains;
 }
 
 SStringList SAccountDB::AccountUIDList() const {
-  std::vector<std::pair<std::uint64_t, SString>> in_order;
-  for (const auto& [name, section] : state_->Current().All()) {
-    in_order.emplace_back(section.order, UIDOf(name));
-  }
-  std::sort(in_order.begin(), in_order.end());
   SStringList uids;
-  for (const auto& entry : in_order) {
-    uids.Push(entry.second);
+  if (state_->Follow()) {
+    state_->ForEachBody([&](std::string_view body) {
+      const std::string_view path = SSectionCursor(body).Path();
+      if (IsAccountPath(path)) {
+        uids.Push(SString(path.substr(1)));
+      }
+    });
   }
   return uids;
 }
 
 int SAccountDB::AccountUIDCount() const {
-  return static_cast<int>(state_->Current().All().size());
+  if (!state_->Follow()) {
+    return 0;
+  }
+  const bool has_top = state_->file.Find("/") != SDatabaseFile::kNone;
+  return static_cast<int>(state_->file.LiveSections()) - (has_top ? 1 : 0);
 }
 
 bool SAccountDB::IsUIDTaken(const SString& uid) const {
-  const std::string lower_uid = LowerCased(uid.View());
-  return IsReserved(lower_uid) || state_->Current().HasUID(lower_uid);
+  return IsReservedInAnyCase(uid.View()) ||
+         (state_->Follow() && state_->file.HasPathInAnyCase(PathOf(uid)));
 }
 
-int& SAccountDB::NextSuffix(const SString& base) {
-  return state_->Current().next_suffix[LowerCased(base.View())];
-}
+// Changing
 
 SAccountDBMod::SAccountDBMod() = default;
-
-SAccountDBMod::~SAccountDBMod() {
-  CloseDB();
-}
+SAccountDBMod::~SAccountDBMod() = default;
 
 bool SAccountDBMod::ModifyAccount(const SString& uid, SAccountMod* account) {
+  account->database_ = nullptr;
+  if (GetMailboxSubpath(uid).IsEmpty()) {
+    errno = EINVAL;
+    return false;
+  }
   if (!state_->OpenForWriting()) {
     return false;
   }
-  account->database_ = this;
+  const std::uint32_t id = state_->file.Find(PathOf(uid));
+  if (id == SDatabaseFile::kNone && errno != 0) {
+    return false;
+  }
+  auto fields = std::make_shared<SAccount::Fields>();
+  fields->section.path = SString(PathOf(uid));
+  if (id != SDatabaseFile::kNone && !state_->file.Read(id, &fields->section)) {
+    return false;
+  }
+  fields->id = id;
+  fields->generation = state_->file.Generation();
+  account->fields_ = std::move(fields);
   account->uid_ = uid;
-  account->fields_ = std::make_shared<SAccount::Fields>();
-  account->is_new_ = !GetAccountInfo(uid, account);
+  account->is_new_ = id == SDatabaseFile::kNone;
+  account->database_ = this;
   return true;
 }
 
 bool SAccountDBMod::DeleteAccount(const SString& uid) {
+  const std::string path = PathOf(uid);
+  if (!IsAccountPath(path)) {
+    return true;
+  }
+  if (!state_->Follow()) {
+    return state_->open_error == 0;
+  }
+  if (state_->file.Find(path) == SDatabaseFile::kNone) {
+    return errno == 0;
+  }
   if (!state_->OpenForWriting()) {
     return false;
   }
-  SStore::Change change;
-  change.DeleteSection(SectionOf(uid));
-  return !GetAccountInfo(uid) || state_->store.Store(change);
+  const std::uint32_t id = state_->file.Find(path);
+  return id == SDatabaseFile::kNone ? errno == 0 : state_->file.Remove(id);
 }
 
 bool SAccountDBMod::CloseDB() {
-  return state_->store.Close();
+  return state_->file.Close();
 }

@@ -81,11 +81,13 @@ class SAccountDB {
   /// True when an account has the UID without regard to ASCII case, or when it
   /// is reserved ("Postmaster", "Root", the special accounts).
   [[nodiscard]] bool IsUIDTaken(const SString& uid) const;
-  /// For `GenerateAccountUID`: the suffix to try next for this base, 0 at first.
-  [[nodiscard]] int& NextSuffix(const SString& base);
 
  protected:
   friend class SAccountMod;
+  friend SString GenerateAccountUID(SAccountDB& database,
+                                    const SString& full_name);
+  SString GenerateUID(const SString& full_name);
+
   class State;
   std::unique_ptr<State> state_;
 };

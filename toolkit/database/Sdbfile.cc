@@ -3,59 +3,116 @@
 #include <cerrno>
 
 #include "toolkit/Environment.h"
-#include "toolkit/database/Lists.h"
-#include "toolkit/database/Store.h"
+#include "toolkit/database/DatabaseFile.h"
 
 class Sdbfile::State {
  public:
-  SString path;
-  SStore store;
-  std::string section;
+  std::string name;
+  std::string path;
+  SDatabaseFile file;
+  SString section;
+  bool is_open = false;
+  bool may_set = false;
+
+  bool Open(bool for_writing);
 };
+
+namespace {
+
+bool IsBaseName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos;
+}
+
+}  // namespace
+
+// Opens the file and, for writing, makes the section.
+bool Sdbfile::State::Open(bool for_writing) {
+  if (!IsBaseName(name) || section[0] != '/') {
+    errno = EINVAL;
+    return false;
+  }
+  if (for_writing && !file.IsWriter() &&
+      !file.Open(path, SDatabaseFile::Access::kCreate)) {
+    return false;
+  }
+  if (!file.Follow()) {
+    return false;
+  }
+  std::uint32_t id = file.Find(section.View());
+  if (id != SDatabaseFile::kNone) {
+    return true;
+  }
+  if (errno != 0) {
+    return false;
+  }
+  if (!for_writing) {
+    errno = ENOENT;
+    return false;
+  }
+  return file.Store(SSection{section, {}}, &id);
+}
 
 Sdbfile::Sdbfile(const SString& name, int /*mode*/, const char* product)
     : state_(std::make_unique<State>()) {
-  state_->path = GetEnv(product) + "/config/" + name;
+  state_->name = name.Std();
+  state_->path = (GetEnv(product) + "/config/" + name).Std();
 }
 
-Sdbfile::~Sdbfile() = default;
+Sdbfile::~Sdbfile() {
+  CloseDB();
+}
 
 bool Sdbfile::Open(const SString& section, int mode) {
-  const bool for_writing = mode != 0;
-  SStore& store = state_->store;
-  if (!store.IsOpen() || (for_writing && !store.IsForWriting())) {
-    if (!store.Open(state_->path, for_writing)) {
+  state_->section = section;
+  state_->may_set = false;
+  if (!state_->file.IsOpen()) {
+    // Names the file for `Follow`, which opens it.
+    state_->is_open =
+        mode != 0 ||
+        state_->file.Open(state_->path, SDatabaseFile::Access::kRead);
+    if (!state_->is_open) {
       return false;
     }
   }
-  store.Refresh();
-  if (store.Find(section.View()) == nullptr) {
-    SStore::Change change;
-    change.MakeSection(section.View());
-    if (!for_writing) {
-      errno = ENOENT;
-      return false;
-    }
-    if (!store.Store(change)) {
-      return false;
-    }
-  }
-  state_->section = section.Std();
-  return true;
+  state_->is_open = state_->Open(mode != 0);
+  state_->may_set = state_->is_open && mode != 0;
+  return state_->is_open;
 }
 
 SStringList Sdbfile::Get(const SString& key) const {
-  state_->store.Refresh();
-  const SStore::Section* section = state_->store.Find(state_->section);
-  return section == nullptr ? SStringList() : ValuesOf(*section, key);
+  SSection section;
+  if (!state_->is_open || !state_->file.Follow()) {
+    return {};
+  }
+  const std::uint32_t id = state_->file.Find(state_->section.View());
+  return id != SDatabaseFile::kNone && state_->file.Read(id, &section)
+             ? section.Get(key.View())
+             : SStringList();
 }
 
 bool Sdbfile::Set(const SString& key, const SStringList& values) {
-  SStore::Change change;
-  change.Set(state_->section, key.View(), PlainValues(values));
-  return state_->store.Store(change);
+  if (!state_->may_set || key.IsEmpty()) {
+    errno = state_->may_set ? EINVAL : EBADF;
+    return false;
+  }
+  SSection section;
+  std::uint32_t id = state_->file.Find(state_->section.View());
+  if (id == SDatabaseFile::kNone) {
+    if (errno != 0) {
+      return false;
+    }
+    section.path = state_->section;
+  } else if (!state_->file.Read(id, &section)) {
+    return false;
+  }
+  section.Set(key, values);
+  return state_->file.Store(section, &id);
 }
 
 bool Sdbfile::CloseDB() {
-  return state_->store.Close();
+  state_->is_open = false;
+  state_->may_set = false;
+  return state_->file.Close();
 }

@@ -1,5 +1,9 @@
 #include "toolkit/database/TextForm.h"
 
+#include <cerrno>
+#include <map>
+#include <set>
+
 namespace {
 
 constexpr const char* kHexDigits = "0123456789abcdef";
@@ -46,7 +50,7 @@ bool Unescape(std::string_view text, std::string* out) {
 // Reads the text form line by line.
 class TextReader {
  public:
-  explicit TextReader(SStore::Sections* sections) : sections_(sections) {}
+  explicit TextReader(std::vector<SSection>* sections) : sections_(sections) {}
 
   // Null when the line is good, else what is wrong with it.
   const char* TakeLine(std::string_view line) {
@@ -59,47 +63,62 @@ class TextReader {
       return "unknown escape";
     }
     if (is_value) {
-      return TakeValue(std::move(text));
+      return TakeValue(text);
     }
     return line[0] == '/' ? TakeSection(text) : TakeKey(text);
   }
 
+  // To be called after the last line.
+  void Finish() {
+    if (section_.path.IsEmpty()) {
+      return;
+    }
+    for (const auto& [name, values] : keys_) {
+      section_.keys.push_back({SString(std::string_view(name)), values});
+      section_.keys.back().values.SetDefined();
+    }
+    sections_->push_back(std::move(section_));
+    section_ = SSection();
+    keys_.clear();
+  }
+
  private:
   const char* TakeSection(const std::string& path) {
-    const auto [place, is_new] = sections_->try_emplace(path);
-    if (!is_new) {
+    Finish();
+    if (!paths_.insert(path).second) {
       return "section given twice";
     }
-    place->second.order = sections_->size();
-    section_ = &place->second;
+    section_.path = SString(std::string_view(path));
     values_ = nullptr;
     return nullptr;
   }
   const char* TakeKey(const std::string& key) {
-    if (section_ == nullptr) {
+    if (section_.path.IsEmpty()) {
       return "key outside of a section";
     }
     if (key.empty()) {
       return "empty key";
     }
-    const auto [place, is_new] = section_->keys.try_emplace(key);
+    const auto [place, is_new] = keys_.try_emplace(key);
     if (!is_new) {
       return "key given twice";
     }
     values_ = &place->second;
     return nullptr;
   }
-  const char* TakeValue(std::string value) {
+  const char* TakeValue(const std::string& value) {
     if (values_ == nullptr) {
       return "value without a key";
     }
-    values_->push_back(std::move(value));
+    values_->Push(SString(std::string_view(value)));
     return nullptr;
   }
 
-  SStore::Sections* sections_;
-  SStore::Section* section_ = nullptr;
-  SStore::Values* values_ = nullptr;
+  std::vector<SSection>* sections_;
+  std::set<std::string> paths_;
+  SSection section_;
+  std::map<std::string, SStringList> keys_;
+  SStringList* values_ = nullptr;
 };
 
 }  // namespace
@@ -127,25 +146,34 @@ std::string EscapeText(std::string_view text, bool is_key) {
   return escaped;
 }
 
-std::string DatabaseAsText(const SStore::Sections& sections) {
-  std::string text;
-  for (const auto& [path, section] : sections) {
-    text += EscapeText(path, false);
-    text += '\n';
-    for (const auto& [key, values] : section.keys) {
-      text += EscapeText(key, true);
-      text += '\n';
-      for (const std::string& value : values) {
-        text += '\t';
-        text += EscapeText(value, false);
-        text += '\n';
+bool DatabaseAsText(SDatabaseFile* file, std::string* text) {
+  std::map<std::string, std::uint32_t> in_order;
+  for (std::uint32_t id = 0; id < file->Sections(); ++id) {
+    std::string_view body;
+    if (file->ReadBody(id, &body)) {
+      in_order.emplace(SSectionCursor(body).Path(), id);
+    } else if (errno != ENOENT) {
+      return false;
+    }
+  }
+  SSection section;
+  for (const auto& [path, id] : in_order) {
+    if (!file->Read(id, &section)) {
+      return false;
+    }
+    *text += EscapeText(path, false) + "\n";
+    for (const SSection::Key& key : section.keys) {
+      *text += EscapeText(key.name.View(), true) + "\n";
+      for (const SString& value : key.values) {
+        text->push_back('\t');
+        *text += EscapeText(value.View(), false) + "\n";
       }
     }
   }
-  return text;
+  return true;
 }
 
-bool DatabaseFromText(std::string_view text, SStore::Sections* sections,
+bool DatabaseFromText(std::string_view text, std::vector<SSection>* sections,
                       std::string* problem) {
   TextReader reader(sections);
   for (int number = 1; !text.empty(); ++number) {
@@ -157,5 +185,6 @@ bool DatabaseFromText(std::string_view text, SStore::Sections* sections,
     }
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
   }
+  reader.Finish();
   return true;
 }

@@ -1,0 +1,196 @@
+// The part of SDatabaseFile that makes new files: beside the place, on disk,
+// then in place by one rename.
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "toolkit/Signals.h"
+#include "toolkit/database/Bytes.h"
+#include "toolkit/database/Crc32c.h"
+#include "toolkit/database/DatabaseFile.h"
+
+using namespace database_format;
+
+namespace {
+
+constexpr mode_t kFileMode = 0640;
+constexpr char kTemporarySuffix[] = ".new";
+
+// Removes what a killed process left under the temporary name; EWOULDBLOCK when
+// a living one is at work there.
+bool RemoveLeftOver(const std::string& path) {
+  struct stat status = {};
+  if (lstat(path.c_str(), &status) != 0) {
+    return errno == ENOENT;
+  }
+  // A file with a second name was put in place by linking.
+  if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
+    const SDescriptor fd(
+        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (fd.IsOpen() && flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
+      return false;
+    }
+  }
+  return unlink(path.c_str()) == 0 || errno == ENOENT;
+}
+
+// Gives `from` the name `to` unless there is such a file.
+bool RenameToFreeName(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(),
+                RENAME_NOREPLACE) == 0) {
+    return true;
+  }
+  if (errno != EINVAL && errno != ENOSYS) {
+    return false;
+  }
+  return link(from.c_str(), to.c_str()) == 0 && unlink(from.c_str()) == 0;
+}
+
+}  // namespace
+
+bool SDatabaseFile::Begin(const std::string& path) {
+  Forget();
+  path_ = path;
+  const std::string temporary = path + kTemporarySuffix;
+  const SHoldSignals hold;
+  if (!RemoveLeftOver(temporary)) {
+    return false;
+  }
+  fd_ = SDescriptor(open(temporary.c_str(),
+                         O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
+                         kFileMode));
+  if (!fd_.IsOpen()) {
+    errno = errno == EEXIST ? EWOULDBLOCK : errno;
+    return false;
+  }
+  if (flock(fd_.Get(), LOCK_EX | LOCK_NB) != 0) {
+    return false;
+  }
+  temporary_ = temporary;
+  writes_ = true;
+  struct stat status = {};
+  if (fstat(fd_.Get(), &status) != 0 || !WriteHead()) {
+    return false;
+  }
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
+  return true;
+}
+
+bool SDatabaseFile::WriteHead() {
+  char head[kSectorSize] = {};
+  if (getrandom(&salt_, sizeof salt_, 0) != sizeof salt_) {
+    return false;
+  }
+  std::copy(std::begin(kMagic), std::end(kMagic), head);
+  Put32(head + kHeadVersion, kVersion);
+  Put64(head + kHeadSalt, salt_);
+  Put32(head + kSectorChecksum, Crc32c({head, kSectorChecksum}));
+  file_size_ = 0;
+  tail_cleared_ = true;
+  mark_ = {};
+  last_checksum_ = Get32(head + kSectorChecksum);
+  end_ = kHeadSize;
+  synced_end_ = end_;
+  index_end_ = end_;
+  index_size_ = 0;
+  return WriteAt({head, sizeof head}, 0) && WriteMark() && WriteMark();
+}
+
+bool SDatabaseFile::FlushNew() {
+  const std::uint64_t at = end_ - pending_.size();
+  const bool written = WriteAt(pending_, at);
+  pending_.clear();
+  return written;
+}
+
+bool SDatabaseFile::Install(SDatabaseFile* former) {
+  const SHoldSignals hold;
+  if (!FlushNew() || !SaveIndex()) {
+    return false;
+  }
+  if (file_size_ > end_ &&
+      ftruncate(fd_.Get(), static_cast<off_t>(end_)) != 0) {
+    return false;
+  }
+  file_size_ = end_;
+  // All of it must be on disk before it takes the place of what is.
+  if (!SyncData() || fdatasync(fd_.Get()) != 0) {
+    return false;
+  }
+  const bool renamed = former != nullptr
+                           ? rename(temporary_.c_str(), path_.c_str()) == 0
+                           : RenameToFreeName(temporary_, path_);
+  if (!renamed) {
+    return false;
+  }
+  temporary_.clear();
+  if (former != nullptr) {
+    // Tells readers of the former file to look at the path.
+    former->record_.clear();
+    AppendBareRecord(RecordType::kReplaced, 0, former->last_checksum_,
+                     &former->record_);
+    if (former->ReserveSpace(former->end_ + former->record_.size())) {
+      (void)former->WriteAt(former->record_, former->end_);
+    }
+    former->Forget();
+  }
+  if (!SyncDirectoryOf(SString(std::string_view(path_)))) {
+    sync_error_ = errno;
+  }
+  return true;
+}
+
+bool SDatabaseFile::Compact() {
+  SDatabaseFile fresh;
+  if (!fresh.Begin(path_)) {
+    return false;
+  }
+  SSection section;
+  for (std::uint32_t id = 0; id < Sections(); ++id) {
+    if (!IsLive(id)) {
+      continue;
+    }
+    std::uint32_t number = kNone;
+    if (!Read(id, &section) || !fresh.Store(section, &number)) {
+      return false;
+    }
+  }
+  if (index_.IsDamaged()) {
+    errno = EBADMSG;
+    return false;
+  }
+  if (!fresh.Install(this)) {
+    return false;
+  }
+  Adopt(&fresh);
+  return true;
+}
+
+// Goes on with the file of `other`, which is left closed.
+void SDatabaseFile::Adopt(SDatabaseFile* other) {
+  Forget();
+  fd_ = std::move(other->fd_);
+  device_ = other->device_;
+  inode_ = other->inode_;
+  writes_ = true;
+  salt_ = other->salt_;
+  mark_ = other->mark_;
+  end_ = other->end_;
+  last_checksum_ = other->last_checksum_;
+  index_end_ = other->index_end_;
+  index_size_ = other->index_size_;
+  index_ = std::move(other->index_);
+  file_size_ = other->file_size_;
+  tail_cleared_ = true;
+  synced_end_ = other->synced_end_;
+  synced_at_ = other->synced_at_;
+  sync_error_ = other->sync_error_;
+  other->Forget();
+}

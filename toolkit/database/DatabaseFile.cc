@@ -1,0 +1,417 @@
+#include "toolkit/database/DatabaseFile.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "toolkit/database/Bytes.h"
+#include "toolkit/database/Crc32c.h"
+#include "toolkit/database/Hash.h"
+
+using namespace database_format;
+
+namespace {
+
+constexpr std::size_t kReadAhead = 65536;
+constexpr std::uint64_t kMostKept = std::uint64_t{1} << 30;
+// A writer that changes a mark while it is read is long done after these.
+constexpr int kTriesToReadHead = 100;
+
+bool Damaged() {
+  errno = EBADMSG;
+  return false;
+}
+
+std::int64_t CoarseSeconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec;
+}
+
+bool SectorIsSound(const char* sector) {
+  return Get32(sector + kSectorChecksum) == Crc32c({sector, kSectorChecksum});
+}
+
+}  // namespace
+
+void SUnmap::operator()(char* memory) const {
+  munmap(memory, size);
+}
+
+bool SDatabaseFile::Open(const std::string& path, Access access) {
+  Forget();
+  path_ = path;
+  const bool opened =
+      access == Access::kRead ? OpenReader() : OpenWriter(access);
+  if (!opened) {
+    const int cause = errno;
+    Forget();
+    errno = cause;
+  }
+  return opened;
+}
+
+bool SDatabaseFile::OpenReader() {
+  fd_ = SDescriptor(
+      open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  return fd_.IsOpen() && TakeIn();
+}
+
+// Reads the state of the file that has been opened.
+bool SDatabaseFile::TakeIn() {
+  struct stat status = {};
+  if (fstat(fd_.Get(), &status) != 0) {
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return Damaged();
+  }
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
+  looked_at_path_ = CoarseSeconds();
+  char head[kHeadSize];
+  bool sound = false;
+  for (int i = 0; i < kTriesToReadHead && !sound; ++i) {
+    const ssize_t got = pread(fd_.Get(), head, sizeof head, 0);
+    if (got < 0) {
+      return false;
+    }
+    if (got != static_cast<ssize_t>(sizeof head) ||
+        !std::equal(std::begin(kMagic), std::end(kMagic), head)) {
+      return Damaged();
+    }
+    sound = ReadHead(head);
+  }
+  return sound ? AttachIndex() && TakeRecords(mark_.synced_end) : Damaged();
+}
+
+bool SDatabaseFile::ReadHead(const char* head) {
+  const char* first = head + kSectorSize;
+  const char* second = first + kSectorSize;
+  if (!SectorIsSound(head) || !SectorIsSound(first) || !SectorIsSound(second) ||
+      Get32(head + kHeadVersion) != kVersion) {
+    return false;
+  }
+  const char* mark =
+      Get64(first + kMarkNumber) > Get64(second + kMarkNumber) ? first : second;
+  salt_ = Get64(head + kHeadSalt);
+  mark_.number = Get64(mark + kMarkNumber);
+  mark_.synced_end = Get64(mark + kMarkSyncedEnd);
+  mark_.index = Get64(mark + kMarkIndex);
+  end_ = kHeadSize;
+  last_checksum_ = Get32(head + kSectorChecksum);
+  return true;
+}
+
+bool SDatabaseFile::AttachIndex() {
+  index_.Clear();
+  index_end_ = kHeadSize;
+  index_size_ = 0;
+  if (mark_.index == 0) {
+    return true;
+  }
+  char head[kIndexHeadSize];
+  if (pread(fd_.Get(), head, sizeof head, static_cast<off_t>(mark_.index)) !=
+          static_cast<ssize_t>(sizeof head) ||
+      Get32(head + kRecordChecksum) !=
+          Crc32c({head + kRecordSize, sizeof head - kRecordSize}) ||
+      !index_.Attach(fd_.Get(), mark_.index, {head, sizeof head})) {
+    return Damaged();
+  }
+  last_checksum_ = Get32(head + kRecordChecksum);
+  index_size_ = Get32(head + kRecordSize);
+  end_ = mark_.index + index_size_;
+  index_end_ = end_;
+  return end_ <= mark_.synced_end || Damaged();
+}
+
+// Takes in every record from the end of those known on.  The first that isn't
+// whole is the end: one that is being written, or that a kill or a power
+// failure has cut; before `must_reach` it is damage.
+bool SDatabaseFile::TakeRecords(std::uint64_t must_reach) {
+  std::size_t wanted = must_reach == 0 ? kSmallestRecord : kReadAhead;
+  std::string buffer;
+  std::size_t at = 0;
+  for (;;) {
+    const std::string_view rest = std::string_view(buffer).substr(at);
+    const std::uint64_t size =
+        rest.size() < kSmallestRecord ? 0 : Get32(rest.data() + kRecordSize);
+    const bool is_index =
+        size != 0 && Get32(rest.data() + kRecordType) ==
+                         static_cast<std::uint32_t>(RecordType::kIndex);
+    const std::uint64_t needed = size == 0  ? kSmallestRecord
+                                 : is_index ? kIndexHeadSize
+                                            : size;
+    if (rest.size() >= kSmallestRecord &&
+        (size < needed || size % kRecordAlignment != 0 ||
+         (!is_index && size > kLargestRecord) ||
+         Get32(rest.data() + kRecordPrevious) != last_checksum_)) {
+      break;
+    }
+    if (rest.size() < needed) {
+      if (rest.size() >= kSmallestRecord || !buffer.empty()) {
+        wanted = std::max<std::size_t>(kReadAhead, needed);
+      }
+      buffer.resize(wanted);
+      const ssize_t got =
+          pread(fd_.Get(), buffer.data(), wanted, static_cast<off_t>(end_));
+      buffer.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+      at = 0;
+      if (got < 0) {
+        return false;
+      }
+      if (buffer.size() < needed) {
+        break;
+      }
+      continue;
+    }
+    if (Get32(rest.data()) !=
+            Crc32c(rest.substr(kRecordSize, needed - kRecordSize)) ||
+        !TakeRecord(rest.substr(0, needed), size)) {
+      break;
+    }
+    at = std::min<std::uint64_t>(at + size, buffer.size());
+  }
+  return end_ >= must_reach || Damaged();
+}
+
+// Takes in one verified record; false when it can't be what it seems.
+bool SDatabaseFile::TakeRecord(std::string_view record, std::uint64_t size) {
+  const auto type = static_cast<RecordType>(Get32(record.data() + kRecordType));
+  const std::uint32_t id = Get32(record.data() + kRecordId);
+  switch (type) {
+    case RecordType::kSection:
+      if (!TakeSection(id, record)) {
+        return false;
+      }
+      break;
+    case RecordType::kRemoved:
+      if (id >= index_.Sections()) {
+        return false;
+      }
+      index_.SetPlace(id, {});
+      ++removals_;
+      break;
+    case RecordType::kIndex: {
+      struct stat status = {};
+      if (fstat(fd_.Get(), &status) != 0 ||
+          end_ + size > static_cast<std::uint64_t>(status.st_size)) {
+        return false;
+      }
+      break;
+    }
+    case RecordType::kReplaced:
+      replaced_ = true;
+      break;
+    default:
+      return false;
+  }
+  last_checksum_ = Get32(record.data());
+  end_ += size;
+  ++generation_;
+  return true;
+}
+
+bool SDatabaseFile::TakeSection(std::uint32_t id, std::string_view record) {
+  SSectionCursor cursor(record.substr(kRecordBody));
+  if (id > index_.Sections() || !cursor.IsSound()) {
+    return false;
+  }
+  const std::string_view path = cursor.Path();
+  const bool is_new = id == index_.Sections();
+  index_.SetPlace(id, {end_, record.size()});
+  if (is_new) {
+    index_.Insert(HashOfPath(path), id);
+  }
+  if (path.rfind('/') != 0) {
+    return true;
+  }
+  std::string_view text;
+  while (cursor.NextKey(&text)) {
+    if (text == kAddressKey) {
+      while (cursor.NextValue(&text)) {
+        index_.Insert(HashOfAddress(SLowerCaseText(text).View()), id);
+      }
+    }
+  }
+  return true;
+}
+
+bool SDatabaseFile::Follow() {
+  if (writes_) {
+    return true;
+  }
+  if (!fd_.IsOpen()) {
+    return !path_.empty() && Open(path_, Access::kRead);
+  }
+  if (!TakeRecords(0)) {
+    return false;
+  }
+  if (!WasReplaced()) {
+    return true;
+  }
+  const std::uint64_t generation = generation_ + 1;
+  const std::uint64_t removals = removals_ + 1;
+  const std::string path = path_;
+  const bool opened = Open(path, Access::kRead);
+  generation_ += generation;
+  removals_ += removals;
+  return opened;
+}
+
+// True when another file is in place of this one.  A missing file is about to
+// be put back; till then this one goes on.
+bool SDatabaseFile::WasReplaced() {
+  if (!replaced_ && CoarseSeconds() <= looked_at_path_) {
+    return false;
+  }
+  replaced_ = false;
+  looked_at_path_ = CoarseSeconds();
+  struct stat status = {};
+  return stat(path_.c_str(), &status) == 0 &&
+         (status.st_dev != device_ || status.st_ino != inode_);
+}
+
+std::uint32_t SDatabaseFile::Find(std::string_view path) {
+  std::uint32_t found = kNone;
+  errno = 0;
+  index_.ForEach(HashOfPath(path), [&](std::uint32_t id) {
+    std::string_view body;
+    if (ReadBody(id, &body) && SSectionCursor(body).Path() == path) {
+      found = id;
+    }
+    return found == kNone;
+  });
+  if (index_.IsDamaged()) {
+    errno = EBADMSG;
+  } else if (found != kNone) {
+    errno = 0;
+  }
+  return found;
+}
+
+bool SDatabaseFile::HasPathInAnyCase(std::string_view path) {
+  const SLowerCaseText wanted(path);
+  bool found = false;
+  index_.ForEach(HashOfPath(path), [&](std::uint32_t id) {
+    std::string_view body;
+    found = ReadBody(id, &body) &&
+            SLowerCaseText(SSectionCursor(body).Path()).View() == wanted.View();
+    return !found;
+  });
+  return found;
+}
+
+bool SDatabaseFile::BodyHasAddress(std::string_view body,
+                                   std::string_view address) {
+  SSectionCursor cursor(body);
+  std::string_view text;
+  while (cursor.NextKey(&text)) {
+    if (text == kAddressKey) {
+      while (cursor.NextValue(&text)) {
+        if (text.size() == address.size() &&
+            SLowerCaseText(text).View() == address) {
+          return true;
+        }
+      }
+      return false;
+    }
+  }
+  return false;
+}
+
+bool SDatabaseFile::Read(std::uint32_t id, SSection* section) {
+  std::string_view body;
+  return ReadBody(id, &body) && (DecodeSection(body, section) || Damaged());
+}
+
+bool SDatabaseFile::ReadBody(std::uint32_t id, std::string_view* body) {
+  const SRecordPlace place =
+      id < index_.Sections() ? index_.Place(id) : SRecordPlace();
+  if (!place.IsSet()) {
+    errno = index_.IsDamaged() ? EBADMSG : ENOENT;
+    return false;
+  }
+  std::string_view record;
+  if (place.size < kSmallestRecord || place.offset + place.size > end_ ||
+      !ReadAt(place.offset, place.size, &record) ||
+      Get32(record.data() + kRecordSize) != place.size ||
+      Get32(record.data() + kRecordId) != id ||
+      Get32(record.data()) != Crc32c(record.substr(kRecordSize))) {
+    damaged_ = true;
+    return Damaged();
+  }
+  *body = record.substr(kRecordBody);
+  return true;
+}
+
+// Stored records never change, so whole blocks of them are read once and kept.
+bool SDatabaseFile::ReadAt(std::uint64_t offset, std::uint64_t size,
+                           std::string_view* bytes) {
+  const std::uint64_t last = (offset + size - 1) / kBlockSize;
+  if (kept_ == nullptr) {
+    const std::uint64_t room =
+        std::min(kMostKept, std::max<std::uint64_t>(end_ * 4, 1U << 20));
+    const std::size_t rounded = room / kBlockSize * kBlockSize;
+    void* memory = mmap(nullptr, rounded, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (memory != MAP_FAILED) {
+      kept_ = std::unique_ptr<char, SUnmap>(static_cast<char*>(memory),
+                                            SUnmap{rounded});
+      kept_blocks_.assign(rounded / kBlockSize, false);
+    }
+  }
+  if ((last + 1) * kBlockSize <= end_ && last < kept_blocks_.size()) {
+    *bytes = {kept_.get() + offset, size};
+    return LoadBlocks(offset, size);
+  }
+  scratch_.resize(size);
+  *bytes = scratch_;
+  return pread(fd_.Get(), scratch_.data(), size, static_cast<off_t>(offset)) ==
+         static_cast<ssize_t>(size);
+}
+
+bool SDatabaseFile::LoadBlocks(std::uint64_t offset, std::uint64_t size) {
+  for (std::uint64_t block = offset / kBlockSize;
+       block <= (offset + size - 1) / kBlockSize; ++block) {
+    if (kept_blocks_[block]) {
+      continue;
+    }
+    const std::uint64_t at = block * kBlockSize;
+    if (pread(fd_.Get(), kept_.get() + at, kBlockSize,
+              static_cast<off_t>(at)) != static_cast<ssize_t>(kBlockSize)) {
+      return false;
+    }
+    kept_blocks_[block] = true;
+  }
+  return true;
+}
+
+// Closes without storing anything.
+void SDatabaseFile::Forget() {
+  fd_ = SDescriptor();
+  kept_.reset();
+  kept_blocks_.clear();
+  index_.Clear();
+  writes_ = false;
+  damaged_ = false;
+  replaced_ = false;
+  tail_cleared_ = false;
+  compaction_failed_ = false;
+  sync_error_ = 0;
+  ++generation_;
+  ++removals_;
+}
+
+std::uint32_t SDatabaseFile::HashOfPath(std::string_view path) const {
+  return HashOfText(SLowerCaseText(path).View(), salt_);
+}
+
+std::uint32_t SDatabaseFile::HashOfAddress(std::string_view address) const {
+  return HashOfText(address, ~salt_);
+}

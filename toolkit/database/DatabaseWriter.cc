@@ -1,0 +1,291 @@
+// The part of SDatabaseFile that stores: lock, append, sync, close.
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "toolkit/Signals.h"
+#include "toolkit/database/Bytes.h"
+#include "toolkit/database/Crc32c.h"
+#include "toolkit/database/DatabaseFile.h"
+
+using namespace database_format;
+
+namespace {
+
+constexpr int kTriesToLock = 100;
+constexpr timespec kBetweenTries = {0, 10'000'000};
+// Files up to this size are read whole when they are opened and need no index.
+constexpr std::uint64_t kNeedsNoIndex = 256U << 10;
+constexpr std::uint64_t kLeastReserve = 64U << 10;
+constexpr std::uint64_t kMuchUseless = 1U << 20;
+constexpr std::uint64_t kMostReserve = 16U << 20;
+
+std::int64_t Milliseconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
+}
+
+}  // namespace
+
+SDatabaseFile::~SDatabaseFile() {
+  if (!temporary_.empty()) {
+    unlink(temporary_.c_str());
+  } else if (writes_) {
+    Close();
+  }
+}
+
+bool SDatabaseFile::OpenWriter(Access access) {
+  const std::string path = path_;
+  for (int i = 0; i < kTriesToLock; ++i) {
+    fd_ = SDescriptor(open(
+        path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    if (!fd_.IsOpen() && errno == ENOENT && access == Access::kCreate) {
+      if (Begin(path) && Install(nullptr)) {
+        return true;
+      }
+      if (errno != EEXIST && errno != EWOULDBLOCK) {
+        return false;
+      }
+    } else if (!fd_.IsOpen()) {
+      return false;
+    } else if (LockFile()) {
+      writes_ = TakeIn();
+      synced_end_ = mark_.synced_end;
+      replaced_ = false;
+      // The first change waits for the disk, later ones in the same second
+      // don't.
+      synced_at_ = 0;
+      return writes_;
+    } else if (errno != EWOULDBLOCK) {
+      return false;
+    }
+    nanosleep(&kBetweenTries, nullptr);
+  }
+  errno = EWOULDBLOCK;
+  return false;
+}
+
+// Locks the open file; EWOULDBLOCK also when it isn't the one in place any more.
+bool SDatabaseFile::LockFile() {
+  struct stat opened = {};
+  struct stat in_place = {};
+  if (fstat(fd_.Get(), &opened) != 0) {
+    return false;
+  }
+  if (!S_ISREG(opened.st_mode)) {
+    errno = EBADMSG;
+    return false;
+  }
+  if (flock(fd_.Get(), LOCK_EX | LOCK_NB) != 0) {
+    return false;
+  }
+  if (fstat(fd_.Get(), &opened) != 0 || lstat(path_.c_str(), &in_place) != 0 ||
+      opened.st_dev != in_place.st_dev || opened.st_ino != in_place.st_ino) {
+    errno = EWOULDBLOCK;
+    return false;
+  }
+  file_size_ = static_cast<std::uint64_t>(opened.st_size);
+  return true;
+}
+
+bool SDatabaseFile::Store(const SSection& section, std::uint32_t* id) {
+  const std::uint32_t number = *id == kNone ? index_.Sections() : *id;
+  record_.clear();
+  AppendSectionRecord(number, section, last_checksum_, &record_);
+  if (!AppendRecord()) {
+    return false;
+  }
+  *id = number;
+  return true;
+}
+
+bool SDatabaseFile::Remove(std::uint32_t id) {
+  record_.clear();
+  AppendBareRecord(RecordType::kRemoved, id, last_checksum_, &record_);
+  return AppendRecord();
+}
+
+// Appends what is in `record_`.
+bool SDatabaseFile::AppendRecord() {
+  if (!writes_ || damaged_ || index_.IsDamaged()) {
+    errno = writes_ ? EBADMSG : EBADF;
+    return false;
+  }
+  if (record_.size() > kLargestRecord) {
+    errno = EFBIG;
+    return false;
+  }
+  if (!temporary_.empty()) {
+    pending_ += record_;
+    return TakeRecord(record_, record_.size()) &&
+           (pending_.size() < kMostReserve / 16 || FlushNew());
+  }
+  {
+    const SHoldSignals hold;
+    if (!ReserveSpace(end_ + record_.size()) || !WriteAt(record_, end_)) {
+      return false;
+    }
+  }
+  TakeRecord(record_, record_.size());
+  if (!compaction_failed_ && WorthCompacting(3, kMuchUseless)) {
+    // Only saves space; what can't be done now is tried again at the end.
+    compaction_failed_ = !Compact();
+  }
+  if (Milliseconds() - synced_at_ >= 1000 && !SyncData()) {
+    sync_error_ = errno;
+  }
+  return true;
+}
+
+// Takes space from the file system ahead of the need, so that an append is one
+// write, and fails here when there is none.
+bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
+  if (!tail_cleared_) {
+    // What a killed writer left behind the last whole record must never come to
+    // stand behind a new one.
+    if (file_size_ > end_ &&
+        ftruncate(fd_.Get(), static_cast<off_t>(end_)) != 0) {
+      return false;
+    }
+    file_size_ = end_;
+    tail_cleared_ = true;
+  }
+  if (end <= file_size_) {
+    return true;
+  }
+  const std::uint64_t ahead = std::clamp(end_ / 4, kLeastReserve, kMostReserve);
+  for (const std::uint64_t wanted : {end + ahead, end}) {
+    if (fallocate(fd_.Get(), 0, static_cast<off_t>(file_size_),
+                  static_cast<off_t>(wanted - file_size_)) == 0) {
+      file_size_ = wanted;
+      return true;
+    }
+  }
+  // A file system that can't reserve tells when it is written to.
+  return errno == EOPNOTSUPP || errno == ENOSYS;
+}
+
+bool SDatabaseFile::WriteAt(std::string_view bytes, std::uint64_t offset) {
+  while (!bytes.empty()) {
+    const ssize_t written = pwrite(fd_.Get(), bytes.data(), bytes.size(),
+                                   static_cast<off_t>(offset));
+    if (written < 0 && errno == EINTR) {
+      continue;
+    }
+    if (written <= 0) {
+      errno = written == 0 ? ENOSPC : errno;
+      // Some bytes of a record may be there; nobody takes them for one, but the
+      // next append begins by clearing them away.
+      tail_cleared_ = false;
+      file_size_ = UINT64_MAX;
+      return false;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+    offset += static_cast<std::uint64_t>(written);
+    file_size_ = std::max(file_size_, offset);
+  }
+  return true;
+}
+
+bool SDatabaseFile::SyncData() {
+  const SHoldSignals hold;
+  synced_at_ = Milliseconds();
+  if (fdatasync(fd_.Get()) != 0) {
+    return false;
+  }
+  synced_end_ = end_;
+  return WriteMark();
+}
+
+// Writes the mark that isn't the newest.  A power failure may lose it: then
+// more is read when the file is opened, and that's all.
+bool SDatabaseFile::WriteMark() {
+  ++mark_.number;
+  mark_.synced_end = synced_end_;
+  char sector[kSectorSize] = {};
+  Put64(sector + kMarkNumber, mark_.number);
+  Put64(sector + kMarkSyncedEnd, mark_.synced_end);
+  Put64(sector + kMarkIndex, mark_.index);
+  Put32(sector + kSectorChecksum, Crc32c({sector, kSectorChecksum}));
+  return WriteAt({sector, sizeof sector}, kSectorSize * (1 + mark_.number % 2));
+}
+
+bool SDatabaseFile::Sync() {
+  if (!writes_) {
+    return true;
+  }
+  if (damaged_) {
+    errno = EBADMSG;
+    return false;
+  }
+  if (synced_end_ != end_ && !SyncData()) {
+    sync_error_ = errno;
+  }
+  errno = sync_error_;
+  return sync_error_ == 0;
+}
+
+// The index goes into the file when what it lacks would take long to read.  Its
+// head is written last, so that nobody takes half an index for a record.
+bool SDatabaseFile::SaveIndex() {
+  if (end_ < kNeedsNoIndex ||
+      end_ - index_end_ <= std::max(kLeastReserve, index_size_ / 16)) {
+    return true;
+  }
+  const std::string record = index_.Record(last_checksum_);
+  const SHoldSignals hold;
+  if (index_.IsDamaged() || !ReserveSpace(end_ + record.size()) ||
+      !WriteAt(std::string_view(record).substr(kIndexHeadSize),
+               end_ + kIndexHeadSize) ||
+      !WriteAt(std::string_view(record).substr(0, kIndexHeadSize), end_)) {
+    return false;
+  }
+  mark_.index = end_;
+  last_checksum_ = Get32(record.data());
+  end_ += record.size();
+  index_end_ = end_;
+  index_size_ = record.size();
+  return true;
+}
+
+// True when the file has grown to `times` what is useful in it, by more than
+// `least` bytes.
+bool SDatabaseFile::WorthCompacting(std::uint64_t times,
+                                    std::uint64_t least) const {
+  const std::uint64_t useful = kHeadSize + index_.LiveBytes() + index_size_;
+  return end_ > useful * times && end_ - useful > least;
+}
+
+bool SDatabaseFile::Close() {
+  if (!writes_ || !fd_.IsOpen()) {
+    Forget();
+    return true;
+  }
+  const bool sound = !damaged_ && !index_.IsDamaged();
+  bool done = true;
+  if (sound) {
+    if (WorthCompacting(2, kLeastReserve)) {
+      (void)Compact();
+    } else {
+      // Without it the next one to open reads more.
+      (void)SaveIndex();
+    }
+    if (tail_cleared_ && file_size_ > end_) {
+      const SHoldSignals hold;
+      (void)!ftruncate(fd_.Get(), static_cast<off_t>(end_));
+    }
+    done = Sync();
+  }
+  const int cause = errno;
+  Forget();
+  errno = cause;
+  return done;
+}

@@ -1,0 +1,195 @@
+#include "toolkit/database/Index.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "toolkit/database/Bytes.h"
+#include "toolkit/database/Crc32c.h"
+#include "toolkit/database/Section.h"
+
+using namespace database_format;
+
+namespace {
+
+constexpr std::uint64_t kFewestSlots = 64;
+
+std::uint64_t BlocksFor(std::uint64_t words) {
+  return (words + kWordsInBlock - 1) / kWordsInBlock;
+}
+
+std::uint64_t* Allocate(std::uint64_t words) {
+  void* memory = std::calloc(words, sizeof(std::uint64_t));
+  if (memory == nullptr) {
+    std::abort();
+  }
+  return static_cast<std::uint64_t*>(memory);
+}
+
+}  // namespace
+
+void SWordArray::Reset(std::uint64_t size) {
+  capacity_ = std::max<std::uint64_t>(size, 16);
+  words_.reset(Allocate(capacity_));
+  size_ = size;
+  on_disk_ = 0;
+  loaded_.clear();
+  damaged_ = false;
+}
+
+void SWordArray::Attach(int fd, std::uint64_t offset, std::uint64_t size,
+                        std::uint32_t seed) {
+  Reset(size * 2);
+  size_ = size;
+  on_disk_ = size;
+  loaded_.assign(BlocksFor(size), false);
+  fd_ = fd;
+  offset_ = offset;
+  seed_ = seed;
+}
+
+void SWordArray::LoadBlock(std::uint64_t block) {
+  char bytes[kBlockSize];
+  loaded_[block] = true;
+  const ssize_t got = pread(fd_, bytes, sizeof bytes,
+                            static_cast<off_t>(offset_ + block * kBlockSize));
+  const std::uint32_t checksum = Crc32c(
+      {bytes, kBlockSize - 8}, seed_ + static_cast<std::uint32_t>(block));
+  if (got != static_cast<ssize_t>(sizeof bytes) ||
+      Get64(bytes + kBlockSize - 8) != checksum) {
+    damaged_ = true;
+    return;
+  }
+  const std::uint64_t first = block * kWordsInBlock;
+  const std::uint64_t last = std::min(first + kWordsInBlock, on_disk_);
+  for (std::uint64_t i = first; i < last; ++i) {
+    words_.get()[i] = Get64(bytes + (i - first) * 8);
+  }
+}
+
+void SWordArray::Reserve(std::uint64_t capacity) {
+  for (std::uint64_t block = 0; block < loaded_.size(); ++block) {
+    Load(block * kWordsInBlock);
+  }
+  on_disk_ = 0;
+  std::uint64_t* words = Allocate(capacity);
+  std::copy_n(words_.get(), size_, words);
+  words_.reset(words);
+  capacity_ = capacity;
+}
+
+void SWordArray::Push(std::uint64_t word) {
+  if (size_ == capacity_) {
+    Reserve(capacity_ * 2);
+  }
+  words_.get()[size_++] = word;
+}
+
+void SWordArray::AppendBlocks(std::uint32_t seed, std::string* out) {
+  for (std::uint64_t block = 0; block < BlocksFor(size_); ++block) {
+    const std::size_t start = out->size();
+    out->resize(start + kBlockSize);
+    char* bytes = out->data() + start;
+    const std::uint64_t first = block * kWordsInBlock;
+    const std::uint64_t last = std::min(first + kWordsInBlock, size_);
+    for (std::uint64_t i = first; i < last; ++i) {
+      Put64(bytes + (i - first) * 8, Get(i));
+    }
+    Put64(bytes + kBlockSize - 8,
+          Crc32c({bytes, kBlockSize - 8},
+                 seed + static_cast<std::uint32_t>(block)));
+  }
+}
+
+void SDatabaseIndex::Clear() {
+  slots_.Reset(kFewestSlots);
+  places_.Reset(0);
+  used_ = 0;
+  live_ = 0;
+  live_bytes_ = 0;
+}
+
+bool SDatabaseIndex::Attach(int fd, std::uint64_t offset,
+                            std::string_view head) {
+  const std::uint64_t blocks = Get64(head.data() + kIndexBlocks);
+  const std::uint64_t sections = Get64(head.data() + kIndexSections);
+  const std::uint64_t slots = Get64(head.data() + kIndexSlots);
+  const std::uint32_t seed = Get32(head.data() + kRecordChecksum);
+  if (slots == 0 || slots > UINT32_MAX || sections > UINT32_MAX ||
+      blocks != BlocksFor(sections) + BlocksFor(slots) ||
+      Get32(head.data() + kRecordSize) !=
+          kIndexHeadSize + blocks * kBlockSize) {
+    return false;
+  }
+  const std::uint64_t places_at = offset + kIndexHeadSize;
+  places_.Attach(fd, places_at, sections, seed);
+  slots_.Attach(fd, places_at + BlocksFor(sections) * kBlockSize, slots,
+                seed + static_cast<std::uint32_t>(BlocksFor(sections)));
+  used_ = Get64(head.data() + kIndexUsed);
+  live_ = static_cast<std::uint32_t>(Get64(head.data() + kIndexLive));
+  live_bytes_ = Get64(head.data() + kIndexLiveBytes);
+  return used_ < slots;
+}
+
+void SDatabaseIndex::SetPlace(std::uint32_t id, const SRecordPlace& place) {
+  if (id == Sections()) {
+    places_.Push(0);
+  }
+  const SRecordPlace former = Place(id);
+  live_ = live_ + (place.IsSet() ? 1 : 0) - (former.IsSet() ? 1 : 0);
+  live_bytes_ += place.size - former.size;
+  places_.Set(id, place.Word());
+}
+
+void SDatabaseIndex::Insert(std::uint32_t hash, std::uint32_t id) {
+  if ((used_ + 1) * 4 > slots_.Size() * 3) {
+    Resize(slots_.Size() * 2);
+  }
+  const std::uint64_t wanted = std::uint64_t{hash} << 32 | (id + 1);
+  std::uint64_t i = SlotOf(hash, slots_.Size());
+  for (std::uint64_t slot = slots_.Get(i); slot != 0; slot = slots_.Get(i)) {
+    if (slot == wanted) {
+      return;
+    }
+    i = i + 1 == slots_.Size() ? 0 : i + 1;
+  }
+  slots_.Set(i, wanted);
+  ++used_;
+}
+
+void SDatabaseIndex::Resize(std::uint64_t slots) {
+  SWordArray former = std::move(slots_);
+  slots_ = SWordArray();
+  slots_.Reset(slots);
+  used_ = 0;
+  for (std::uint64_t i = 0; i < former.Size(); ++i) {
+    const std::uint64_t slot = former.Get(i);
+    if (slot != 0) {
+      Insert(static_cast<std::uint32_t>(slot >> 32),
+             static_cast<std::uint32_t>(slot) - 1);
+    }
+  }
+}
+
+std::string SDatabaseIndex::Record(std::uint32_t previous) {
+  // Half full, so that a miss looks at two or three slots.
+  Resize(std::max(kFewestSlots, used_ * 2));
+  const std::uint64_t blocks = BlocksFor(Sections()) + BlocksFor(slots_.Size());
+  std::string record(kIndexHeadSize, '\0');
+  Put32(record.data() + kRecordPrevious, previous);
+  Put32(record.data() + kRecordType,
+        static_cast<std::uint32_t>(RecordType::kIndex));
+  Put64(record.data() + kIndexBlocks, blocks);
+  Put64(record.data() + kIndexSections, Sections());
+  Put64(record.data() + kIndexLive, live_);
+  Put64(record.data() + kIndexSlots, slots_.Size());
+  Put64(record.data() + kIndexUsed, used_);
+  Put64(record.data() + kIndexLiveBytes, live_bytes_);
+  FinishRecord(0, &record, 0, blocks * kBlockSize);
+  const std::uint32_t seed = Get32(record.data());
+  record.reserve(record.size() + blocks * kBlockSize);
+  places_.AppendBlocks(seed, &record);
+  slots_.AppendBlocks(seed + static_cast<std::uint32_t>(BlocksFor(Sections())),
+                      &record);
+  return record;
+}
