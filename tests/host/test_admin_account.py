@@ -246,7 +246,7 @@ def screen(name):
 def test_a_disk_that_fills_up_while_accounts_are_made(host):
     def remove():
         host.sh(f"rm -f {PATH}*")
-    seen = failures_from(host, ["secret1"], remove, 14)
+    seen = failures_from(host, ["secret1"], remove, 18)
     for name, status in (("cannot_create", 255), ("cannot_create_root", 255),
                          ("cannot_deliver_to_root", None), ("new", 0)):
         assert screen(name) in seen or name == "cannot_deliver_to_root", name

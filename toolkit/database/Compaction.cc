@@ -84,23 +84,25 @@ bool SDatabaseFile::Begin(const std::string& path) {
 }
 
 bool SDatabaseFile::WriteHead() {
-  char head[kSectorSize] = {};
+  std::string head(kSectorSize, '\0');
   if (getrandom(&salt_, sizeof salt_, 0) != sizeof salt_) {
     return false;
   }
-  std::copy(std::begin(kMagic), std::end(kMagic), head);
-  Put32(head + kHeadVersion, kVersion);
-  Put64(head + kHeadSalt, salt_);
-  Put32(head + kSectorChecksum, Crc32c({head, kSectorChecksum}));
+  std::copy(std::begin(kMagic), std::end(kMagic), head.begin());
+  Put32(head.data() + kHeadVersion, kVersion);
+  Put64(head.data() + kHeadSalt, salt_);
+  last_checksum_ = Crc32c({head.data(), kSectorChecksum});
+  Put32(head.data() + kSectorChecksum, last_checksum_);
   file_size_ = 0;
   tail_cleared_ = true;
-  mark_ = {};
-  last_checksum_ = Get32(head + kSectorChecksum);
   end_ = kHeadSize;
   synced_end_ = end_;
   index_end_ = end_;
   index_size_ = 0;
-  return WriteAt({head, sizeof head}, 0) && WriteMark() && WriteMark();
+  mark_ = {1, end_, 0};
+  const std::string second = MarkSector();
+  mark_.number = 2;
+  return WriteAt(head + MarkSector() + second, 0);
 }
 
 bool SDatabaseFile::FlushNew() {
@@ -121,7 +123,7 @@ bool SDatabaseFile::Install(SDatabaseFile* former) {
   }
   file_size_ = end_;
   // All of it must be on disk before it takes the place of what is.
-  if (!SyncData() || fdatasync(fd_.Get()) != 0) {
+  if ((synced_end_ != end_ && !SyncData()) || fdatasync(fd_.Get()) != 0) {
     return false;
   }
   const bool renamed = former != nullptr

@@ -136,6 +136,7 @@ class SDatabaseFile {
   bool WriteAt(std::string_view bytes, std::uint64_t offset);
   bool SyncData();
   bool WriteMark();
+  [[nodiscard]] std::string MarkSector() const;
   bool SaveIndex();
   bool WorthCompacting(std::uint64_t times, std::uint64_t least) const;
 

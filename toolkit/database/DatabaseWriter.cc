@@ -210,12 +210,17 @@ bool SDatabaseFile::SyncData() {
 bool SDatabaseFile::WriteMark() {
   ++mark_.number;
   mark_.synced_end = synced_end_;
-  char sector[kSectorSize] = {};
-  Put64(sector + kMarkNumber, mark_.number);
-  Put64(sector + kMarkSyncedEnd, mark_.synced_end);
-  Put64(sector + kMarkIndex, mark_.index);
-  Put32(sector + kSectorChecksum, Crc32c({sector, kSectorChecksum}));
-  return WriteAt({sector, sizeof sector}, kSectorSize * (1 + mark_.number % 2));
+  return WriteAt(MarkSector(), kSectorSize * (1 + mark_.number % 2));
+}
+
+std::string SDatabaseFile::MarkSector() const {
+  std::string sector(kSectorSize, '\0');
+  Put64(sector.data() + kMarkNumber, mark_.number);
+  Put64(sector.data() + kMarkSyncedEnd, mark_.synced_end);
+  Put64(sector.data() + kMarkIndex, mark_.index);
+  Put32(sector.data() + kSectorChecksum,
+        Crc32c({sector.data(), kSectorChecksum}));
+  return sector;
 }
 
 bool SDatabaseFile::Sync() {
