@@ -60,6 +60,27 @@ def test_the_files_it_changed_are_listed(demo):
                for line in files)
 
 
+def test_users_got_accounts_and_their_mail_was_moved(demo):
+    assert "    ann@example.com (Ann Smith)....created\n" in demo.stdout
+    assert "Skipping frank (no home directory)\n" in demo.stdout
+    assert "Postmaster password: secret1\n" in demo.stdout
+    files = section(demo, "Files")
+    for login in ("ann", "carol", "dave", "grace"):
+        assert f"removed  0660  {login}:mail  /var/mail/{login}" in files
+    messages = [line for line in files if re.search(
+        r"created  0\d+  vmail:vmail  /opt/vellumcraft/mailboxes/.*/in/.", line)]
+    assert len(messages) == 8
+
+
+def test_settings_survived_the_new_module_databases(demo):
+    assert "     Dispatch\n     WWW-Server\ndone\n" in demo.stdout
+    files = section(demo, "Files")
+    for module in ("Account-Manager", "Dispatch", "WWW-Server"):
+        name = f"/opt/vellumcraft/config/{module}"
+        assert f"moved  0640  vmail:vmail  {name}.backup, from {name}" in files
+    assert not any("MTA-Accounts" in line for line in files)
+
+
 def test_the_processes_it_signalled_and_started_are_listed(demo):
     signalled = [line.split()[1:3]
                  for line in section(demo, "Processes signalled")]

@@ -245,31 +245,40 @@ def test_mounts_stay_private():
 # Nothing is left, whatever ends the rehearsal.
 
 @pytest.fixture
-def nothing_left():
-    """Compares what rehearsals might leave, before and after."""
+def place():
+    """A view of this host in which nobody else makes temporary files; after
+    the test it must look as before.  A command prefix that runs in it."""
+    holder = subprocess.Popen(
+        ["unshare", "-m", "sh", "-c",
+         "mount -t tmpfs none /opt && cp \"$0\" /opt/rehearse && "
+         "for d in /tmp /run /var/tmp /dev/shm; do mount -t tmpfs none $d "
+         "|| exit; done; echo ready; cat", REHEARSE],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    assert holder.stdout.readline() == "ready\n"
+    enter = ["nsenter", "-t", str(holder.pid), "-m"]
+
     def look():
-        return (mounts(), sorted(os.listdir("/tmp")), sorted(os.listdir("/run")),
-                sorted(os.listdir("/dev/shm")), processes_named("rehearsed-"))
+        inside = pathlib.Path(f"/proc/{holder.pid}")
+        files = [sorted(os.listdir(inside / "root" / directory)) for directory
+                 in ("tmp", "run", "var/tmp", "dev/shm", "opt", "etc", "")]
+        return ((inside / "mountinfo").read_text(), files,
+                processes_named("rehearsed-"))
+
     before = look()
-    yield
+    yield [*enter, "/opt/rehearse"]
     end = time.monotonic() + 5
     while look() != before and time.monotonic() < end:
         time.sleep(0.05)
-    assert look() == before
+    after = look()
+    holder.communicate()
+    assert after == before
 
 
-def test_nothing_is_left_after_a_normal_end(nothing_left):
-    done = shell("touch /tmp/rehearsed-file; sleep 1000 & "
-                 "setsid sh -c 'exec -a x sleep 1000; sleep 1000' "
-                 "rehearsed-daemon & exit 4")
-    assert done.returncode == 4
-
-
-def start_sleeper(scratch):
+def start_sleeper(place):
     """A rehearsal with a background daemon, running."""
     process = subprocess.Popen(
-        [REHEARSE, "--", "sh", "-c",
-         "setsid sh -c 'sleep 1000; exit' rehearsed-daemon & "
+        [*place, "--", "sh", "-c",
+         "setsid sh -c 'sleep 1000; exit' rehearsed-daemon & touch /tmp/x; "
          "trap 'echo int; exit 9' INT; echo ready; sleep 1000 & wait"],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
         stderr=subprocess.PIPE, text=True)
@@ -278,16 +287,34 @@ def start_sleeper(scratch):
     return process
 
 
-def test_nothing_is_left_after_kill_9(nothing_left, scratch):
-    process = start_sleeper(scratch)
+def test_nothing_is_left_after_a_normal_end(place):
+    done = subprocess.run(
+        [*place, "--", "sh", "-c", "touch /tmp/x /run/x; sleep 1000 & "
+         "setsid sh -c 'sleep 1000; exit' rehearsed-daemon & exit 4"],
+        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE, timeout=20, check=False)
+    assert done.returncode == 4
+
+
+def test_nothing_is_left_after_kill_9(place):
+    process = start_sleeper(place)
     process.kill()
     process.wait()
     # Whoever holds the output ends as well.
     assert process.stdout.read() == ""
 
 
-def test_nothing_is_left_after_an_interrupt(nothing_left, scratch):
-    process = start_sleeper(scratch)
+def test_nothing_is_left_after_init_was_killed(place):
+    process = start_sleeper(place)
+    init = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children")
+    os.kill(int(init.read_text()), signal.SIGKILL)
+    errors = process.communicate(timeout=10)[1]
+    assert process.returncode == 125
+    assert errors == "rehearse: the rehearsal was ended from outside\n"
+
+
+def test_nothing_is_left_after_an_interrupt(place):
+    process = start_sleeper(place)
     process.send_signal(signal.SIGINT)
     output, errors = process.communicate(timeout=10)
     assert output == "int\n"
@@ -295,17 +322,16 @@ def test_nothing_is_left_after_an_interrupt(nothing_left, scratch):
     assert "Files:" in errors
 
 
-def test_a_signal_that_ends_the_program_ends_the_rehearsal(nothing_left,
-                                                           scratch):
-    process = start_sleeper(scratch)
+def test_a_signal_that_ends_the_program_ends_the_rehearsal(place):
+    process = start_sleeper(place)
     process.send_signal(signal.SIGTERM)
     process.communicate(timeout=10)
     assert process.returncode == 128 + signal.SIGTERM
 
 
-def test_an_interrupt_while_preparing_ends_everything(nothing_left):
+def test_an_interrupt_while_preparing_ends_everything(place):
     process = subprocess.Popen(
-        [REHEARSE, "--prepare", "sh -c 'sleep 1000; exit' rehearsed-first",
+        [*place, "--prepare", "sh -c 'sleep 1000; exit' rehearsed-first",
          "--", "true"], stderr=subprocess.PIPE)
     wait_until(lambda: len(processes_named("rehearsed-first")) > 2)
     process.send_signal(signal.SIGINT)

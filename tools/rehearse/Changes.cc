@@ -30,6 +30,10 @@ std::string Relative(const Layer& layer, const std::string& path) {
   return rest.size() < 2 ? "." : rest.substr(1);
 }
 
+std::string Join(const std::string& directory, const std::string& name) {
+  return directory + "/" + name;
+}
+
 // Opens what lies below a directory without following links on the way.
 Descriptor OpenBelow(int directory, const std::string& path, int flags) {
   struct open_how how = {};
@@ -162,7 +166,7 @@ void Changes::AddWhole(const Layer& layer, const std::string& path,
     names.insert(std::move(name));
   }
   for (const std::string& name : names) {
-    const std::string below = path + "/" + name;
+    const std::string below = Join(path, name);
     if (&LayerOf(below) != &layer) {
       continue;
     }
@@ -179,7 +183,7 @@ void Changes::AddUpper(const Layer& layer, const std::string& path,
                        States& states) const {
   for (const std::string& name : NamesIn(OpenBelow(
            layer.upper.Get(), Relative(layer, path), O_RDONLY | O_DIRECTORY))) {
-    const std::string below = path + "/" + name;
+    const std::string below = Join(path, name);
     if (&LayerOf(below) != &layer) {
       continue;
     }

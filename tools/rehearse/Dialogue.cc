@@ -92,17 +92,17 @@ void Dialogue::Show() {
 
 // One of the terminal's foreground processes reads it.
 bool Dialogue::IsAsked() {
-  const std::string reading = std::to_string(SYS_read) + " 0x0 ";
+  static const std::string reading = std::to_string(SYS_read) + " 0x0 ";
   const pid_t foreground = tcgetpgrp(terminal_.Get());
   for (const auto& [id, process] : ListProcesses()) {
     if (getpgid(id) != foreground ||
-        !ReadFile("/proc/" + std::to_string(id) + "/syscall")
-             .starts_with(reading)) {
+        !ReadFile(ProcessFile(id, "syscall")).starts_with(reading)) {
       continue;
     }
     // It took the former answer if it went to sleep since then.
-    const std::string sleeps =
-        std::to_string(id) + " " + ProcessStatus(id, "voluntary_ctxt_switches");
+    std::string sleeps = std::to_string(id);
+    sleeps += ' ';
+    sleeps += ProcessStatus(id, "voluntary_ctxt_switches");
     if (sleeps != sleeps_) {
       sleeps_ = sleeps;
       return true;

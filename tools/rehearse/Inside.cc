@@ -66,6 +66,7 @@ bool RaiseLoopback() {
 
 std::vector<char*> ArgumentsOf(const std::vector<std::string>& words) {
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) {
     arguments.push_back(const_cast<char*>(word.c_str()));
   }
@@ -155,7 +156,7 @@ Problem Init::SetUp() {
     }
   }
   if (Problem problem = BuildRoot(options_.root, root_); !problem.empty()) {
-    return problem;
+    return problem + " (a container may withhold that); nothing was run";
   }
   if (!RaiseLoopback()) {
     return ProblemOf("can't raise the loopback interface");
@@ -347,7 +348,10 @@ void Init::Obey() {
     return;
   }
   if (message.kind == Message::Kind::kSignal) {
-    kill(program_, std::atoi(message.text.c_str()));
+    const int signal = std::atoi(message.text.c_str());
+    // Those of a keyboard reach the whole foreground job.
+    const bool of_keyboard = signal == SIGINT || signal == SIGQUIT;
+    kill(of_keyboard ? -program_ : program_, signal);
   } else if (message.kind == Message::Kind::kContinue) {
     if (message.text == "foreground") {
       TakeTerminal(program_);

@@ -137,7 +137,8 @@ bool CopyAttributes(int from, const std::string& to) {
 // Puts an overlay over one directory of the host at its place in the new root.
 bool AddOverlay(const std::string& source, const std::string& mount_point,
                 unsigned long flags, Root& root) {
-  const std::string number = std::to_string(root.layers.size());
+  const std::string number =
+      std::to_string(root.layers.size() + root.read_only.size());
   const std::string upper = kStage + "/upper" + number;
   const std::string work = kStage + "/work" + number;
   Layer layer;
@@ -188,15 +189,16 @@ Problem AddMount(const Mount& mount, const std::string& directory, Root& root) {
   if (stat(mount.path.c_str(), &status) != 0) {
     return "";  // out of reach for the program as well
   }
-  if (S_ISDIR(status.st_mode)) {
-    if ((mount.flags & MS_RDONLY) == 0 &&
-        AddOverlay(mount.path, place, mount.flags, root)) {
-      return "";
-    }
-  } else if (S_ISREG(status.st_mode) && CopyMountedFile(mount.path, target)) {
-    return "";
-  } else if (!S_ISREG(status.st_mode)) {
+  if (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)) {
     return "";  // the empty file below stands in for a socket or a device
+  }
+  const bool writable =
+      S_ISREG(status.st_mode)
+          ? CopyMountedFile(mount.path, target)
+          : (mount.flags & MS_RDONLY) == 0 &&
+                AddOverlay(mount.path, place, mount.flags, root);
+  if (writable) {
+    return "";
   }
   root.read_only.push_back(place);
   return BindReadOnly(mount.path, target)

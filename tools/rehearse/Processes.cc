@@ -55,19 +55,22 @@ std::string AddressOf(const std::string& hexadecimal) {
   return text.data();
 }
 
+// The inode number of the socket that a descriptor is, empty if it is none.
+std::string SocketOf(const std::string& directory, const std::string& fd) {
+  const std::string path = directory + "/" + fd;
+  std::array<char, 64> target = {};
+  const ssize_t n = readlink(path.c_str(), target.data(), target.size() - 1);
+  const std::string text(target.data(), n < 0 ? 0U : std::size_t(n));
+  return text.starts_with("socket:[") ? text.substr(8, text.size() - 9) : "";
+}
+
 // Which process holds a socket, by the socket's inode number.
 std::map<std::string, pid_t> SocketHolders() {
   std::map<std::string, pid_t> holders;
   for (const std::string& id : NumbersIn("/proc")) {
-    const std::string directory = "/proc/" + id + "/fd";
+    const std::string directory = ProcessFile(std::atoi(id.c_str()), "fd");
     for (const std::string& fd : NumbersIn(directory)) {
-      std::array<char, 64> target = {};
-      const ssize_t n = readlink((directory + "/" + fd).c_str(), target.data(),
-                                 target.size() - 1);
-      const std::string text(target.data(), n < 0 ? 0U : std::size_t(n));
-      if (text.starts_with("socket:[")) {
-        holders.emplace(text.substr(8, text.size() - 9), std::atoi(id.c_str()));
-      }
+      holders.emplace(SocketOf(directory, fd), std::atoi(id.c_str()));
     }
   }
   return holders;
@@ -75,8 +78,12 @@ std::map<std::string, pid_t> SocketHolders() {
 
 }  // namespace
 
+std::string ProcessFile(pid_t id, const std::string& name) {
+  return "/proc/" + std::to_string(id) + "/" + name;
+}
+
 std::string ProcessName(pid_t id) {
-  std::string name = ReadFile("/proc/" + std::to_string(id) + "/comm");
+  std::string name = ReadFile(ProcessFile(id, "comm"));
   if (!name.empty()) {
     name.pop_back();
   }
@@ -84,7 +91,7 @@ std::string ProcessName(pid_t id) {
 }
 
 std::string ProcessStatus(pid_t id, const std::string& field) {
-  std::istringstream lines(ReadFile("/proc/" + std::to_string(id) + "/status"));
+  std::istringstream lines(ReadFile(ProcessFile(id, "status")));
   for (std::string line; std::getline(lines, line);) {
     if (line.starts_with(field + ":\t")) {
       return line.substr(field.size() + 2);

@@ -17,6 +17,9 @@ struct Process {
 /// Every living process but this one, by id.
 [[nodiscard]] std::map<pid_t, Process> ListProcesses();
 
+/// The path of a process's file in /proc, as in "syscall".
+[[nodiscard]] std::string ProcessFile(pid_t id, const std::string& name);
+
 /// The name that the process table keeps of a process, empty if there is none.
 [[nodiscard]] std::string ProcessName(pid_t id);
 
