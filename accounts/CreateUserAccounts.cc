@@ -15,6 +15,7 @@
 #include "console/Console.h"
 #include "driver/Interrupts.h"
 #include "driver/Settings.h"
+#include "toolkit/Files.h"
 #include "toolkit/Privileges.h"
 
 namespace {
@@ -53,7 +54,10 @@ void CheckSpool(const SString& path, const SCandidate& user, uid_t uid,
                 gid_t mail_group) {
   if (IsPlainName(user.login)) {
     SecureSpool(path, uid, mail_group);
-  } else {
+    return;
+  }
+  const SActAs as_root(SActAs::Root{});
+  if (PathTaken(path)) {
     Print("\nALERT: Possible security problem with " + Printable(path) + "\n");
   }
 }

@@ -17,9 +17,13 @@ namespace {
 constexpr std::size_t kMostRead = 1024 * 1024;
 constexpr int kNoticeWidth = 60;
 
-// Up to a megabyte of a regular file; nothing here may wait for a FIFO.
+// Up to a megabyte of a regular file.  It may have become a FIFO since the
+// first look: nothing here may wait for one.
 std::string ReadBeginning(const SString& path) {
   std::string content;
+  if (!IsRegular(path)) {
+    return content;
+  }
   const SDescriptor file(
       open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status = {};

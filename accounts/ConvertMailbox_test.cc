@@ -1,0 +1,211 @@
+#include "accounts/ConvertMailbox.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include "driver/Settings.h"
+#include "toolkit/Environment.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class ConvertMailboxTest : public testing::Test {
+ protected:
+  ConvertMailboxTest() : directory_(testing::TempDir() + "/convertXXXXXX") {
+    EXPECT_NE(nullptr, mkdtemp(directory_.data()));
+    fs::create_directories(directory_ + "/mailboxes");
+    PutEnv("Vellumcraft", directory_.c_str());
+    gstr_MailboxDir = (directory_ + "/mailboxes/").c_str();
+    gstr_HostName = "mail.example.com";
+  }
+  ~ConvertMailboxTest() override { fs::remove_all(directory_); }
+  ConvertMailboxTest(const ConvertMailboxTest&) = delete;
+  ConvertMailboxTest& operator=(const ConvertMailboxTest&) = delete;
+
+  [[nodiscard]] std::string Spool() const { return directory_ + "/ann"; }
+  [[nodiscard]] std::string In() const {
+    return directory_ + "/mailboxes/Ann/in";
+  }
+
+  void WriteSpool(const std::string& content) const {
+    std::ofstream(Spool(), std::ios::binary) << content;
+  }
+
+  // What is printed; `result_` is what was returned.
+  std::string Convert() {
+    testing::internal::CaptureStdout();
+    result_ = ConvertMailbox(Spool().c_str(), "Ann");
+    return testing::internal::GetCapturedStdout();
+  }
+
+  // The messages in the order of their names.
+  [[nodiscard]] std::vector<std::string> Messages() const {
+    std::map<std::string, std::string> messages;
+    for (const auto& entry : fs::directory_iterator(In())) {
+      std::ifstream in(entry.path(), std::ios::binary);
+      messages[entry.path().filename()] = {std::istreambuf_iterator<char>(in),
+                                           {}};
+    }
+    std::vector<std::string> contents;
+    for (const auto& [name, content] : messages) {
+      contents.push_back(content);
+    }
+    return contents;
+  }
+
+  // Nothing but the spool is left, and it is as it was.
+  void ExpectUntouched(const std::string& content) const {
+    std::ifstream in(Spool(), std::ios::binary);
+    EXPECT_EQ(content, std::string(std::istreambuf_iterator<char>(in), {}));
+    EXPECT_FALSE(fs::exists(directory_ + "/mailboxes/Ann"));
+    EXPECT_FALSE(fs::exists(Spool() + ".lock"));
+  }
+
+  std::string directory_;
+  bool result_ = false;
+};
+
+TEST_F(ConvertMailboxTest, TwoMessagesBecomeTwoFiles) {
+  WriteSpool("From a\nS: 1\n\nhi\nFrom b\nS: 2\r\n\r\nho");
+  EXPECT_EQ("", Convert());
+  EXPECT_TRUE(result_);
+  EXPECT_EQ(
+      (std::vector<std::string>{"S: 1\r\n\r\nhi\r\n", "S: 2\r\n\r\nho\r\n"}),
+      Messages());
+  EXPECT_FALSE(fs::exists(Spool()));
+  EXPECT_FALSE(fs::exists(Spool() + ".lock"));
+}
+
+TEST_F(ConvertMailboxTest, NothingIsMadeOfNothing) {
+  EXPECT_EQ("", Convert());
+  EXPECT_TRUE(result_);
+  for (const char* blank : {"", "\n", " \n\t\r\n"}) {
+    WriteSpool(blank);
+    EXPECT_EQ("", Convert());
+    EXPECT_TRUE(result_);
+    ExpectUntouched(blank);
+  }
+}
+
+TEST_F(ConvertMailboxTest, AnotherFormatIsRefused) {
+  WriteSpool("\nnot mail\n");
+  EXPECT_EQ("Error: Mailbox format unrecognized (0)\n", Convert());
+  EXPECT_FALSE(result_);
+  ExpectUntouched("\nnot mail\n");
+}
+
+TEST_F(ConvertMailboxTest, AnExistingMailboxIsRefused) {
+  WriteSpool("From a\nhi\n");
+  fs::create_directories(In());
+  EXPECT_EQ("Error: POP mailbox already exists\n", Convert());
+  EXPECT_FALSE(result_);
+  EXPECT_TRUE(fs::is_empty(In()));
+  EXPECT_TRUE(fs::exists(Spool()));
+}
+
+TEST_F(ConvertMailboxTest, LinksAndOtherKindsOfFilesAreRefused) {
+  const struct {
+    std::string command;
+    std::string cause;
+  } kCases[] = {
+      {"echo From a > target; ln -s target ann", "40"},
+      {"ln -s nowhere ann", "40"},
+      {"mkdir ann", "21"},
+      {"echo From a > ann; ln ann other", "1"},
+      {"mkfifo ann", "22"},
+  };
+  for (const auto& one : kCases) {
+    ASSERT_EQ(0, std::system(("cd '" + directory_ +
+                              "'; rm -rf ann target other; " + one.command)
+                                 .c_str()));
+    EXPECT_EQ("Error: Couldn't open " + Spool() + " (" + one.cause + ")\n",
+              Convert());
+    EXPECT_FALSE(result_);
+    EXPECT_TRUE(fs::is_empty(directory_ + "/mailboxes"));
+    EXPECT_FALSE(fs::exists(Spool() + ".lock"));
+  }
+}
+
+TEST_F(ConvertMailboxTest, TheFileIsLockedAgainstOthersWhileItIsRead) {
+  std::string content;
+  for (int i = 0; i < 2000; ++i) {
+    content += "From a\nS: " + std::to_string(i) + "\n\n";
+  }
+  WriteSpool(content);
+  // A delivery agent looks at the locks for as long as the file is there.
+  const pid_t agent = fork();
+  if (agent == 0) {
+    const int fd = open(Spool().c_str(), O_RDWR);
+    bool ever_locked = false;
+    while (fs::exists(Spool())) {
+      struct flock lock = {};
+      lock.l_type = F_WRLCK;
+      fcntl(fd, F_GETLK, &lock);
+      const bool has_lock = lock.l_type != F_UNLCK;
+      if (ever_locked && !has_lock && fs::exists(Spool())) {
+        _exit(1);  // given up too early
+      }
+      ever_locked = ever_locked || has_lock;
+    }
+    _exit(ever_locked ? 0 : 2);
+  }
+  usleep(100'000);
+  EXPECT_EQ("", Convert());
+  EXPECT_TRUE(result_);
+  int status = 0;
+  EXPECT_EQ(agent, waitpid(agent, &status, 0));
+  EXPECT_EQ(0, status);
+  EXPECT_EQ(2000U, Messages().size());
+}
+
+TEST_F(ConvertMailboxTest, AFileLockedByOthersIsGivenUpAfterTenSeconds) {
+  WriteSpool("From a\nhi\n");
+  std::ofstream(Spool() + ".lock") << "1\n";
+  const time_t begin = time(nullptr);
+  EXPECT_EQ("Error: Couldn't open " + Spool() + " (11)\n", Convert());
+  EXPECT_LE(time(nullptr) - begin, 12);
+  EXPECT_TRUE(fs::exists(Spool() + ".lock"));
+  EXPECT_TRUE(fs::remove(Spool() + ".lock"));
+  ExpectUntouched("From a\nhi\n");
+}
+
+TEST_F(ConvertMailboxTest, MissingLevelsAreMadeAndTheMailboxDirectoryIsNot) {
+  WriteSpool("From a\nhi\n");
+  fs::remove_all(directory_ + "/mailboxes");
+  EXPECT_EQ("Error: Couldn't create " + In() + " (2)\n", Convert());
+  EXPECT_FALSE(result_);
+  ExpectUntouched("From a\nhi\n");
+  EXPECT_FALSE(fs::exists(directory_ + "/mailboxes"));
+}
+
+TEST_F(ConvertMailboxTest, EveryOneOfManyMessagesIsThereOnce) {
+  constexpr int kMessages = 20'000;
+  std::string content;
+  for (int i = 0; i < kMessages; ++i) {
+    content += "From a\nS: " + std::to_string(i) + "\n\nFromage\n\n";
+  }
+  WriteSpool(content);
+  EXPECT_EQ("", Convert());
+  EXPECT_TRUE(result_);
+  const auto messages = Messages();
+  ASSERT_EQ(static_cast<std::size_t>(kMessages), messages.size());
+  std::vector<bool> seen(kMessages);
+  for (const std::string& message : messages) {
+    const int number = std::atoi(message.c_str() + 3);
+    EXPECT_EQ("S: " + std::to_string(number) + "\r\n\r\nFromage\r\n\r\n",
+              message);
+    EXPECT_FALSE(seen[static_cast<std::size_t>(number)]);
+    seen[static_cast<std::size_t>(number)] = true;
+  }
+}
+
+}  // namespace

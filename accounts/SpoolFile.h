@@ -1,0 +1,43 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include "toolkit/Files.h"
+
+/// A spool mailbox, open and locked as delivery agents lock it: PATH.lock,
+/// created exclusively, and an fcntl lock on the whole file.  It acts as root
+/// where it has to.
+///
+/// Nothing else in the process may open the file meanwhile: closing any of its
+/// descriptors would give up the fcntl lock.
+class SSpoolFile {
+ public:
+  explicit SSpoolFile(const SString& path) : path_(path) {}
+  /// Gives up the locks; keeps `errno`.
+  ~SSpoolFile();
+  SSpoolFile(const SSpoolFile&) = delete;
+  SSpoolFile& operator=(const SSpoolFile&) = delete;
+
+  /// Opens and locks, waiting ten seconds at most.  0, or the cause in the
+  /// words of errno: a link ELOOP, a directory EISDIR, a file of several names
+  /// EPERM, another kind of file EINVAL, locked by others EAGAIN.
+  [[nodiscard]] int Open();
+  /// Bytes read into `buffer`, 0 at the present end, -1 on an error.
+  [[nodiscard]] ssize_t Read(char* buffer, std::size_t size);
+  /// Begins again at the first byte.
+  void Rewind() { offset_ = 0; }
+  /// True when there is nothing behind what was read.
+  [[nodiscard]] bool IsAtEnd() const;
+  /// Removes the file; false when the path is another file by now.
+  [[nodiscard]] bool Remove();
+
+ private:
+  [[nodiscard]] int TakeLocks();
+  [[nodiscard]] bool TakeDotLock();
+  [[nodiscard]] bool NamesThisFile() const;
+
+  SString path_;
+  SDescriptor file_;
+  bool has_dot_lock_ = false;
+  off_t offset_ = 0;
+};
