@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 class ConvertMailboxTest : public testing::Test {
  protected:
-  ConvertMailboxTest() : directory_(testing::TempDir() + "/convertXXXXXX") {
+  ConvertMailboxTest() : directory_("/dev/shm/convertXXXXXX") {
     EXPECT_NE(nullptr, mkdtemp(directory_.data()));
     fs::create_directories(directory_ + "/mailboxes");
     PutEnv("Vellumcraft", directory_.c_str());
