@@ -2,12 +2,14 @@
 // recursion.
 //
 // Beyond that grammar: empty elements are passed over, a phrase may hold dots
-// ("J. R. Smith <jrs@x.org>"), bytes from 0x80 up are parts of words, and an
-// address needs no domain.  An element that does not parse is passed over up to
-// its comma and counts as an empty address.
+// ("J. R. Smith <jrs@x.org>"), bytes from 0x80 up are parts of words, though
+// not of domains, and an address needs no domain.  Line ends and NUL bytes are
+// refused in quotes and literals: they could not be passed on.  An element that
+// does not parse is passed over up to its comma and counts as an empty address.
 
 #include "toolkit/Addresses.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -57,6 +59,19 @@ std::size_t EndOfQuoted(std::string_view text, std::size_t from, char open,
   return std::string_view::npos;
 }
 
+// What an atom of a domain may hold.
+bool IsAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) {
+    return static_cast<unsigned char>(c) < 0x80;
+  });
+}
+
+// Whether a quoted string or a literal holds what ends lines or strings.
+bool HoldsLineEnd(std::string_view text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) !=
+         std::string_view::npos;
+}
+
 // Cuts the text into tokens; comments and blanks only separate.  What is never
 // closed, or can't stand where it does, becomes a bad token.
 std::vector<Token> Tokenize(std::string_view text) {
@@ -94,6 +109,9 @@ std::vector<Token> Tokenize(std::string_view text) {
     if (end == std::string_view::npos) {
       kind = Kind::kBad;
       end = text.size();
+    }
+    if (HoldsLineEnd(text.substr(i, end - i))) {
+      kind = Kind::kBad;
     }
     tokens.push_back({kind, text.substr(i, end - i)});
     i = end;
@@ -163,8 +181,9 @@ bool Reader::ReadDotted(SString* text, bool is_domain) {
   do {
     const Token& part = Now();
     const bool is_part =
-        is_domain ? part.kind == Kind::kLiteral ||
-                        (part.kind == Kind::kWord && part.text[0] != '"')
+        is_domain ? (part.kind == Kind::kLiteral && IsAscii(part.text)) ||
+                        (part.kind == Kind::kWord && part.text[0] != '"' &&
+                         IsAscii(part.text))
                   : part.kind == Kind::kWord;
     if (!is_part) {
       return false;

@@ -51,6 +51,12 @@ TEST(AddressesTest, ListsAsPeopleTypeThem) {
       {"a@x..org", "<>"},
       {"a@\"x\"", "<>"},
       {"a\x01@x.org", "<>"},
+      {"\"a\nb\"@x.org", "<>"},
+      {"bob@[192.0.2.7\r]", "<>"},
+      {"bob@b\xc3\xbc"
+       "cher.example",
+       "<>"},
+      {"J\xc3\xbcrgen (\xc3\xbc) <j@x.org>", "j@x.org"},
       {"bad bad, ann", "<> | ann"},
       {"<bad bad>, ann", "<> | ann"},
       {"g: bad bad, ann;, bob", "<> | ann | bob"},

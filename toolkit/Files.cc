@@ -8,12 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 
 namespace {
 
-constexpr std::size_t kReadPiece = std::size_t{256} * 1024;
+constexpr std::size_t kFirstPiece = 4096;
 
 bool ReadAll(const SString& path, std::string* content) {
   SDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
@@ -22,8 +23,9 @@ bool ReadAll(const SString& path, std::string* content) {
   }
   while (true) {
     const std::size_t filled = content->size();
-    content->resize(filled + kReadPiece);
-    const ssize_t n = read(file.Get(), content->data() + filled, kReadPiece);
+    content->resize(std::max(kFirstPiece, 2 * filled));
+    const ssize_t n =
+        read(file.Get(), content->data() + filled, content->size() - filled);
     content->resize(filled + static_cast<std::size_t>(n > 0 ? n : 0));
     if (n == 0) {
       return true;
@@ -86,13 +88,20 @@ SStringList ReadDir(const SString& directory) {
   if (stream == nullptr) {
     return names;
   }
+  errno = 0;
   while (const dirent* entry = readdir(stream)) {
     const SString name = entry->d_name;
     if (!(name == ".") && !(name == "..")) {
       names.Push(name);
     }
   }
+  // Half of the names would be worse than none.
+  const int cause = errno;
+  if (cause != 0) {
+    names.Reset();
+  }
   closedir(stream);
+  errno = cause;
   names.Sort();
   return names;
 }
@@ -117,14 +126,7 @@ bool ReadLines(const SString& path, SStringList* lines) {
   if (!ReadAll(path, &content)) {
     return false;
   }
-  std::string_view rest = content;
-  while (!rest.empty()) {
-    const std::size_t end = rest.find('\n');
-    const std::size_t length =
-        end == std::string_view::npos ? rest.size() : end + 1;
-    lines->Push(SString(rest.substr(0, length)));
-    rest.remove_prefix(length);
-  }
+  lines->PushLines(content);
   return true;
 }
 

@@ -63,17 +63,18 @@ SActAs::SActAs(uid_t uid, gid_t gid)
 }
 
 SActAs::~SActAs() {
-  GoBack();
+  if (succeeded_) {
+    GoBack();
+  }
 }
 
 void SActAs::GoBack() {
   const int former_errno = errno;
-  bool back = SetUser(0);
-  if (groups_changed_) {
-    back = back &&
-           setgroups(former_groups_.size(), former_groups_.data()) == 0 &&
-           SetGroup(former_gid_);
-  }
+  const bool back =
+      !groups_changed_ ||
+      (SetUser(0) &&
+       setgroups(former_groups_.size(), former_groups_.data()) == 0 &&
+       SetGroup(former_gid_));
   if (!back || !SetUser(former_uid_)) {
     EndForIdentity();
   }

@@ -142,4 +142,42 @@ TEST_F(PrivilegesTest, RootForGoodIsRootWithTheMailGroup) {
       }));
 }
 
+TEST_F(PrivilegesTest, RootIsAUserLikeOthers) {
+  EXPECT_EQ(0, InChild([] {
+              bool good = false;
+              {
+                const SActAs as_user(0, 0);
+                good = as_user.Succeeded() && Now() == Identity{0, 0, 1};
+              }
+              return good && Now() == kMailOwner;
+            }));
+}
+
+TEST_F(PrivilegesTest, AUserWhoIsInForceAlreadyIsStillSetUpFully) {
+  EXPECT_EQ(0, InChild([] {
+              bool good = false;
+              {
+                const SActAs as_owner(kOwner, kOwnerGroup);
+                good = as_owner.Succeeded() &&
+                       Now() == Identity{kOwner, kOwnerGroup, 1};
+              }
+              return good && Now() == kMailOwner;
+            }));
+}
+
+TEST_F(PrivilegesTest, WithoutRootAUserIsRefusedAndTheProcessGoesOn) {
+  EXPECT_EQ(0, InChild([] {
+              if (seteuid(0) != 0 || setresuid(kUser, kUser, kUser) != 0) {
+                return false;
+              }
+              {
+                const SActAs as_other(kOwner, kOwnerGroup);
+                if (as_other.Succeeded()) {
+                  return false;
+                }
+              }
+              return geteuid() == kUser;
+            }));
+}
+
 }  // namespace

@@ -4,6 +4,7 @@
 #include <istream>
 #include <ostream>
 
+#include "toolkit/Replacement.h"
 #include "toolkit/SStringList.h"
 #include "toolkit/pattern/Pattern.h"
 
@@ -11,11 +12,6 @@ namespace {
 
 char LowerCaseOf(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-std::string_view TextOf(std::string_view text, const SMatch::Span& span) {
-  return span.IsSet() ? text.substr(span.begin, span.Length())
-                      : std::string_view();
 }
 
 // What `M` returns for a match.
@@ -28,24 +24,6 @@ SStringList GroupsOf(std::string_view text, const SMatch& match) {
     groups.Push(SString(TextOf(text, match.spans[0])));
   }
   return groups;
-}
-
-// Appends the replacement with its "$1" to "$9" filled in.
-void AppendReplacement(std::string_view replacement, std::string_view text,
-                       const SMatch& match, std::string* out) {
-  for (std::size_t i = 0; i < replacement.size(); ++i) {
-    const char c = replacement[i];
-    const char digit = i + 1 < replacement.size() ? replacement[i + 1] : '\0';
-    if (c == '$' && digit >= '1' && digit <= '9') {
-      const auto group = static_cast<std::size_t>(digit - '0');
-      if (group < match.spans.size()) {
-        out->append(TextOf(text, match.spans[group]));
-      }
-      ++i;
-    } else {
-      out->push_back(c);
-    }
-  }
 }
 
 }  // namespace
@@ -188,7 +166,9 @@ SStringList SString::Split(const char* re, int limit) const {
         continue;
       }
     }
-    pieces.Push(SString(text.substr(begin, span.begin - begin)));
+    if (span.begin > begin || !pieces.IsEmpty()) {
+      pieces.Push(SString(text.substr(begin, span.begin - begin)));
+    }
     begin = span.end;
   }
   if (!text.empty()) {
@@ -197,9 +177,6 @@ SStringList SString::Split(const char* re, int limit) const {
   if (limit == 0) {
     while (!pieces.IsEmpty() && pieces.Get(pieces.Count() - 1).IsEmpty()) {
       pieces.Pop();
-    }
-    while (!pieces.IsEmpty() && pieces.Get(0).IsEmpty()) {
-      pieces.Shift();
     }
   }
   return pieces;

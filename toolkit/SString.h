@@ -86,8 +86,9 @@ class SString {
                 const char* flags = "");
 
   /// The pieces between the matches of the pattern, at most `limit` of them,
-  /// the last holding the rest; 0 means no limit, and then empty leading and
-  /// trailing pieces are dropped.  "" gives no pieces.
+  /// the last holding the rest.  Empty leading pieces are dropped.  0 means no
+  /// limit, and then empty trailing pieces are dropped, too.  "" gives no
+  /// pieces.
   [[nodiscard]] SStringList Split(const char* re, int limit) const;
   [[nodiscard]] SStringList Split(const char* re) const;
   /// The pieces between exact occurrences of `separator`, empty ones kept, at

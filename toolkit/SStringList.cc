@@ -1,10 +1,14 @@
 #include "toolkit/SStringList.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <functional>
 #include <istream>
 #include <ostream>
-#include <unordered_set>
 
+#include "toolkit/Replacement.h"
 #include "toolkit/pattern/Pattern.h"
 
 namespace {
@@ -54,6 +58,119 @@ Filter ParseFilter(std::string_view text) {
   return filter;
 }
 
+// Eight bytes of an element, so that most comparisons need not touch the
+// element itself.
+struct SortKey {
+  std::uint64_t bytes;  // the first most significant, NUL behind the end
+  std::uint32_t held;   // how many of them belong to the element
+  std::uint32_t element;
+
+  [[nodiscard]] bool SameBytes(const SortKey& other) const {
+    return bytes == other.bytes && held == other.held;
+  }
+  friend bool operator<(const SortKey& a, const SortKey& b) {
+    return a.bytes != b.bytes ? a.bytes < b.bytes : a.held < b.held;
+  }
+};
+
+constexpr std::size_t kKeyBytes = sizeof(SortKey::bytes);
+
+void FillKey(std::string_view text, std::size_t depth, SortKey* key) {
+  const std::string_view rest = text.substr(depth);
+  std::uint64_t bytes = 0;
+  if (rest.size() >= kKeyBytes) {
+    std::memcpy(&bytes, rest.data(), kKeyBytes);
+  } else {
+    std::memcpy(&bytes, rest.data(), rest.size());
+  }
+  if constexpr (std::endian::native == std::endian::little) {
+    bytes = __builtin_bswap64(bytes);
+  }
+  key->bytes = bytes;
+  key->held =
+      static_cast<std::uint32_t>(std::min<std::size_t>(rest.size(), kKeyBytes));
+}
+
+// Keys of elements that agree in their first `depth` bytes.
+struct SortRange {
+  std::size_t begin;
+  std::size_t end;
+  std::size_t depth;
+};
+
+// Leaves in `keys` the order of the elements.  Ranges that agree in eight more
+// bytes wait for their turn: nothing recurses, and no byte of a common
+// beginning is compared again.
+void SortKeys(const SString* elements, std::vector<SortKey>* keys) {
+  constexpr std::size_t kFew = 16;
+  std::vector<SortRange> ranges = {{0, keys->size(), 0}};
+  while (!ranges.empty()) {
+    const SortRange range = ranges.back();
+    ranges.pop_back();
+    SortKey* const begin = keys->data() + range.begin;
+    SortKey* const end = keys->data() + range.end;
+    if (range.depth > 0 && range.end - range.begin <= kFew) {
+      std::sort(begin, end, [elements](const SortKey& a, const SortKey& b) {
+        return elements[a.element] < elements[b.element];
+      });
+      continue;
+    }
+    for (SortKey* key = begin; key < end; ++key) {
+      FillKey(elements[key->element].View(), range.depth, key);
+    }
+    if (!std::is_sorted(begin, end)) {
+      std::sort(begin, end);
+    }
+    for (SortKey* first = begin; first < end;) {
+      SortKey* last = first + 1;
+      while (last < end && last->SameBytes(*first)) {
+        ++last;
+      }
+      if (last - first > 1 && first->held == kKeyBytes) {
+        ranges.push_back({static_cast<std::size_t>(first - keys->data()),
+                          static_cast<std::size_t>(last - keys->data()),
+                          range.depth + kKeyBytes});
+      }
+      first = last;
+    }
+  }
+}
+
+// Elements by their text: a table twice as large as they are many, in which an
+// element lies at the first free place from that of its hash on.
+class SeenElements {
+ public:
+  explicit SeenElements(std::size_t count)
+      : places_(std::bit_ceil(count * 2 + 1)) {}
+
+  // False when an equal one is there already.  `elements` are all elements,
+  // `number` the one to be added.
+  bool Add(const SString* elements, std::size_t number) {
+    const std::string_view text = elements[number].View();
+    const std::size_t hash = std::hash<std::string_view>()(text);
+    const auto mark = static_cast<std::uint32_t>(hash >> 32);
+    std::size_t at = hash;
+    while (true) {
+      Place& place = places_[at & (places_.size() - 1)];
+      if (place.number == 0) {
+        place = {mark, static_cast<std::uint32_t>(number + 1)};
+        return true;
+      }
+      if (place.mark == mark && elements[place.number - 1].View() == text) {
+        return false;
+      }
+      ++at;
+    }
+  }
+
+ private:
+  struct Place {
+    std::uint32_t mark = 0;    // upper half of the hash
+    std::uint32_t number = 0;  // of the element, from 1; 0 is free
+  };
+  std::vector<Place> places_;
+};
+
 }  // namespace
 
 SStringList::SStringList(const char* element) {
@@ -86,6 +203,22 @@ void SStringList::Push(const SStringList& list) {
   Insert(list, Count());
 }
 
+void SStringList::PushLines(std::string_view text) {
+  const auto line_ends = std::count(text.begin(), text.end(), '\n');
+  const std::size_t needed =
+      elements_.size() + static_cast<std::size_t>(line_ends) + 1;
+  if (needed > elements_.capacity()) {
+    elements_.reserve(std::max(needed, 2 * elements_.capacity()));
+  }
+  while (!text.empty()) {
+    const std::size_t line_end = text.find('\n');
+    const std::size_t length =
+        line_end == std::string_view::npos ? text.size() : line_end + 1;
+    elements_.emplace_back(text.substr(0, length));
+    text.remove_prefix(length);
+  }
+}
+
 SString SStringList::Pop() {
   if (IsEmpty()) {
     return {};
@@ -101,8 +234,9 @@ SString SStringList::Shift() {
   }
   SString first = std::move(elements_[shifted_]);
   ++shifted_;
-  if (shifted_ == elements_.size()) {
-    elements_.clear();
+  // As many were taken as are moved now: still constant time for each.
+  if (2 * shifted_ >= elements_.size()) {
+    elements_.erase(elements_.begin(), At(0));
     shifted_ = 0;
   }
   return first;
@@ -127,9 +261,12 @@ int SStringList::Count() const {
 }
 
 void SStringList::Insert(const SStringList& list, int pos) {
-  const std::vector<SString> inserted(list.begin(), list.end());
+  if (&list == this) {
+    Insert(SStringList(list), pos);
+    return;
+  }
   const int clamped = std::clamp(pos, 0, Count());
-  elements_.insert(begin() + clamped, inserted.begin(), inserted.end());
+  elements_.insert(begin() + clamped, list.begin(), list.end());
 }
 
 void SStringList::Splice(int pos, int n) {
@@ -139,11 +276,10 @@ void SStringList::Splice(int pos, int n) {
 }
 
 void SStringList::Delete(const char* text) {
-  const auto from = elements_.begin() + static_cast<std::ptrdiff_t>(shifted_);
-  elements_.erase(
-      std::remove_if(from, elements_.end(),
-                     [text](const SString& e) { return e == text; }),
-      elements_.end());
+  // `text` may lie in an element.
+  const SString deleted = text;
+  elements_.erase(std::remove(At(0), elements_.end(), deleted),
+                  elements_.end());
 }
 
 bool SStringList::Contains(const char* text) const {
@@ -156,21 +292,36 @@ bool SStringList::Contains(const SString& text) const {
 }
 
 void SStringList::Sort() {
-  std::sort(elements_.begin() + static_cast<std::ptrdiff_t>(shifted_),
-            elements_.end());
+  std::vector<SortKey> keys(elements_.size() - shifted_);
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    keys[i].element = static_cast<std::uint32_t>(i);
+  }
+  SString* const elements = elements_.data() + shifted_;
+  SortKeys(elements, &keys);
+  Elements sorted;
+  sorted.reserve(keys.size());
+  for (const SortKey& key : keys) {
+    sorted.push_back(std::move(elements[key.element]));
+  }
+  elements_ = std::move(sorted);
+  shifted_ = 0;
 }
 
 void SStringList::Unique() {
-  // The views stay good: elements are moved away only after they were seen.
-  std::unordered_set<std::string> seen;
-  std::vector<SString> kept;
-  for (const SString& element : *this) {
-    if (seen.insert(element.Std()).second) {
-      kept.push_back(element);
+  elements_.erase(elements_.begin(), At(0));
+  shifted_ = 0;
+  // The kept ones move to the front, where they stay.
+  SeenElements seen(elements_.size());
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < elements_.size(); ++i) {
+    if (i != kept) {
+      elements_[kept] = std::move(elements_[i]);
+    }
+    if (seen.Add(elements_.data(), kept)) {
+      ++kept;
     }
   }
-  elements_ = std::move(kept);
-  shifted_ = 0;
+  elements_.erase(At(kept), elements_.end());
 }
 
 SString SStringList::Join() const {
@@ -223,20 +374,24 @@ SStringList SStringList::Grep(const SString& expression,
   const std::shared_ptr<const SPattern> pattern =
       SPattern::Get(filter.pattern.View());
   const bool wanted = filter.form != Filter::Form::kNoMatch;
+  SMatch match;
   for (const SString& element : *this) {
-    if (pattern->Matches(element.View()) == wanted) {
-      result.Push(element);
-    }
-  }
-  if (filter.form == Filter::Form::kSubstitute) {
-    for (int i = 0; i < result.Count(); ++i) {
-      result[i].S(filter.pattern, filter.replacement);
+    const std::string_view text = element.View();
+    if (filter.form != Filter::Form::kSubstitute) {
+      if (pattern->Matches(text) == wanted) {
+        result.Push(element);
+      }
+    } else if (pattern->Search(text, 0, &match)) {
+      std::string replaced(text.substr(0, match.spans[0].begin));
+      AppendReplacement(filter.replacement.View(), text, match, &replaced);
+      replaced += text.substr(match.spans[0].end);
+      result.Push(SString(std::move(replaced)));
     }
   }
   return result;
 }
 
-SStringList::operator char* const*() const {
+SStringList::operator char**() const {
   vector_.clear();
   for (const SString& element : *this) {
     // exec takes pointers to char but changes nothing.
@@ -267,14 +422,17 @@ SStringList LowerCase(const SStringList& list) {
 }
 
 std::istream& operator>>(std::istream& in, SStringList& lines) {
-  while (true) {
-    SString line;
-    line.ReadLine(in);
-    if (line.IsEmpty()) {
-      return in;
-    }
-    lines.Push(std::move(line));
+  constexpr std::size_t kFirstPiece = 4096;
+  std::string content;
+  while (in) {
+    const std::size_t filled = content.size();
+    content.resize(std::max(kFirstPiece, 2 * filled));
+    in.read(content.data() + filled,
+            static_cast<std::streamsize>(content.size() - filled));
+    content.resize(filled + static_cast<std::size_t>(in.gcount()));
   }
+  lines.PushLines(content);
+  return in;
 }
 
 std::ostream& operator<<(std::ostream& out, const SStringList& list) {

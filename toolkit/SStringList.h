@@ -1,6 +1,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <string_view>
 #include <vector>
 
 #include "toolkit/SString.h"
@@ -22,6 +23,9 @@ class SStringList {
   void Push(SString&& element);
   /// Appends all elements of `list` (which may be this list).
   void Push(const SStringList& list);
+  /// Appends every line of the text, each with its line end; what follows the
+  /// last line end is a line, too.
+  void PushLines(std::string_view text);
 
   /// Removes and returns the last element; "" from an empty list.
   SString Pop();
@@ -81,7 +85,7 @@ class SStringList {
 
   /// A vector of the elements that ends in a null pointer, for exec calls;
   /// valid until the list changes or dies.
-  operator char* const*() const;
+  operator char**() const;
 
   [[nodiscard]] std::vector<SString>::const_iterator begin() const;
   [[nodiscard]] std::vector<SString>::const_iterator end() const;
@@ -89,7 +93,12 @@ class SStringList {
   friend bool operator==(const SStringList& a, const SStringList& b);
 
  private:
-  std::vector<SString> elements_;
+  using Elements = std::vector<SString>;
+  [[nodiscard]] Elements::iterator At(std::size_t position) {
+    return elements_.begin() + static_cast<std::ptrdiff_t>(shifted_ + position);
+  }
+
+  Elements elements_;
   // Elements in front that `Shift` has taken, so that it need not move the
   // rest.
   std::size_t shifted_ = 0;

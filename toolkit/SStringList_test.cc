@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -164,7 +167,7 @@ TEST(SStringListTest, LowerCaseIsANewList) {
 
 TEST(SStringListTest, BecomesAVectorForExec) {
   const SStringList list = ListOf({"vellumcraft", "192.0.2.7"});
-  char* const* vector = list;
+  char** vector = list;
   EXPECT_STREQ(vector[0], "vellumcraft");
   EXPECT_STREQ(vector[1], "192.0.2.7");
   EXPECT_EQ(vector[2], nullptr);
@@ -184,6 +187,80 @@ TEST(SStringListTest, WritesALineForEachElement) {
   std::ostringstream out;
   out << ListOf({"a", ""});
   EXPECT_EQ(out.str(), "a\n\n");
+}
+
+TEST(SStringListTest, SortsAsTheStandardLibraryDoes) {
+  // Texts that differ near the ends of eight-byte pieces, by length, by NUL
+  // bytes and by bytes from 0x80 up; several of each.
+  std::vector<std::string> texts;
+  unsigned drawn = 1;
+  for (int i = 0; i < 20000; ++i) {
+    drawn = drawn * 1103515245U + 12345U;
+    std::string text((drawn >> 16) % 4 * 8, 'p');
+    for (unsigned n = (drawn >> 20) % 10; n > 0; --n) {
+      drawn = drawn * 1103515245U + 12345U;
+      text.push_back(std::string("\0a\xff", 3)[(drawn >> 16) % 3]);
+    }
+    texts.push_back(text);
+  }
+  SStringList list = "taken";
+  for (const std::string& text : texts) {
+    list.Push(SString(std::string_view(text)));
+  }
+  list.Shift();
+  list.Sort();
+  std::sort(texts.begin(), texts.end());
+  ASSERT_EQ(list.Count(), static_cast<int>(texts.size()));
+  for (int i = 0; i < list.Count(); ++i) {
+    ASSERT_EQ(list[i].Std(), texts[static_cast<std::size_t>(i)]) << i;
+  }
+}
+
+TEST(SStringListTest, LongEqualElementsAreSortedWithoutRecursion) {
+  SStringList list;
+  for (int i = 0; i < 100; ++i) {
+    list.Push(SString('x', 100000) + SString(99 - i));
+  }
+  list.Sort();
+  EXPECT_TRUE(list[0] == SString('x', 100000) + "0");
+  EXPECT_TRUE(list[99] == SString('x', 100000) + "99");
+}
+
+TEST(SStringListTest, UniqueKeepsTheFirstOfEach) {
+  SStringList list;
+  for (int i = 0; i < 5000; ++i) {
+    list.Push(SString(i * 7919 % 1000) + " text beyond a short string");
+  }
+  SStringList want;
+  for (int i = 0; i < 1000; ++i) {
+    want.Push(list[i]);
+  }
+  list.Unique();
+  EXPECT_EQ(list, want);
+  SStringList empty;
+  empty.Unique();
+  empty.Sort();
+  EXPECT_EQ(empty.Count(), 0);
+}
+
+TEST(SStringListTest, AnElementOfTheListItselfCanBeDeleted) {
+  SStringList list = ListOf({"a long element that is stored elsewhere", "b",
+                             "a long element that is stored elsewhere", "c"});
+  list.Delete(list[0]);
+  EXPECT_EQ(list, ListOf({"b", "c"}));
+}
+
+TEST(SStringListTest, AListIsInsertedIntoItself) {
+  SStringList list = ListOf({"a", "b"});
+  list.Insert(list, 1);
+  EXPECT_EQ(list, ListOf({"a", "a", "b", "b"}));
+}
+
+TEST(SStringListTest, LinesAreAppendedBehindWhatIsThere) {
+  SStringList list = "first";
+  list.PushLines("a\n\nlast");
+  list.PushLines("");
+  EXPECT_EQ(list, ListOf({"first", "a\n", "\n", "last"}));
 }
 
 }  // namespace

@@ -206,6 +206,8 @@ TEST(SStringTest, SplitGivesThePiecesBetweenMatches) {
       {"one", ",", 0, {"one"}},
       {"a,,b", ",", 0, {"a", "", "b"}},
       {"a,b,c", ",", 2, {"a", "b,c"}},
+      {",,a,b,c", ",", 2, {"a", "b,c"}},
+      {"a,", ",", 2, {"a", ""}},
       {"a,b", "(", 0, {"a,b"}},
   };
   for (const Case& c : kCases) {

@@ -51,10 +51,20 @@ SDescriptor CreateControlFile(const SString& path) {
   return file;
 }
 
+// A new or emptied regular file; whatever else has the name is left alone.
 SDescriptor OpenMessageFile(const SString& path) {
-  return SDescriptor(open(
+  SDescriptor file(open(
       path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
       kMessageMode));
+  struct stat status = {};
+  if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
+    return SDescriptor();
+  }
+  if (!S_ISREG(status.st_mode)) {
+    errno = EINVAL;
+    return SDescriptor();
+  }
+  return file;
 }
 
 }  // namespace

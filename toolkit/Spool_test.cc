@@ -1,5 +1,6 @@
 #include "toolkit/Spool.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -135,6 +136,25 @@ TEST(NewMessageIDTest, LettersCountUpFromAAA) {
   }
   EXPECT_EQ(letters(), "ZZZ");
   EXPECT_EQ(letters(), "BAAA");
+}
+
+TEST_F(SpoolTest, NothingButARegularFileIsWrittenTo) {
+  const SString header = home_ + "/messages/m-Header";
+  ASSERT_EQ(0, mkfifo(header, 0600));
+  // With a reader the queue would open; its bytes would be lost.
+  const SDescriptor reader(open(header, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  EXPECT_FALSE(QueueMessage("m", Control("m"), "h", "b"));
+  char byte = 0;
+  EXPECT_EQ(read(reader.Get(), &byte, 1), 0);
+  EXPECT_EQ(Files().Join("|"), "");
+}
+
+TEST_F(SpoolTest, APlantedNameBesideTheControlFileIsNotFollowed) {
+  const SString planted = home_ + "/control/x-Control.tmp." + ProcessIdString();
+  ASSERT_EQ(0, symlink("../target", planted));
+  EXPECT_TRUE(Control("x").Write());
+  EXPECT_FALSE(PathTaken(home_ + "/target"));
+  EXPECT_EQ(Files().Join("|"), "x-Control");
 }
 
 }  // namespace
