@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr std::size_t kMostRead = 1024 * 1024;
+constexpr std::size_t kMostRead = 1U << 20;
 constexpr int kNoticeWidth = 60;
 
 // Up to a megabyte of a regular file.  It may have become a FIFO since the

@@ -115,11 +115,11 @@ class Scan {
 };
 
 SString Scan::PasswordOf(const passwd& entry) {
-  const SString own(entry.pw_passwd);
+  SString own(entry.pw_passwd);
   if (own.Length() == kTraditionalPassword) {
     return own;
   }
-  const SString shadow = shadow_.Find(entry.pw_name);
+  SString shadow = shadow_.Find(entry.pw_name);
   return shadow.Length() == kTraditionalPassword ? shadow : GeneratePassword();
 }
 

@@ -22,8 +22,8 @@ TEST(ReadConfigTest, TheValueFollowsTheEqualsSign) {
 }
 
 TEST(ReadConfigTest, TheValueEndsAtTheFirstWhiteSpace) {
-  for (const char* line : {"Key=one two", "Key=one\ttwo", "Key=one\r",
-                           "Key=one\f", "Key=one "}) {
+  for (const char* line :
+       {"Key=one two", "Key=one\ttwo", "Key=one\r", "Key=one\f", "Key=one "}) {
     EXPECT_EQ("one", Value({line}, "Key")) << line;
   }
   EXPECT_EQ("one\v", Value({"Key=one\v"}, "Key"));

@@ -147,8 +147,8 @@ int Check(const SString& file) {
 
 int main(int argc, char** argv) {
   const SStringList arguments(argv);
-  const SString command = arguments.Get(1);
-  const SString file = arguments.Get(2);
+  const SString& command = arguments.Get(1);
+  const SString& file = arguments.Get(2);
   if (command == "dump" && argc == 3) {
     return Dump(file);
   }

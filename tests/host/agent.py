@@ -58,18 +58,25 @@ def changes(contents=True):
     """The report since the mark; with contents of small regular files."""
     import json
     report = json.loads(ask_init("changes-json"))
-    for change in report["files"]:
-        path = change["path"]
-        before, after = change.get("before"), change.get("after")
-        if not contents:
-            continue
-        if before and before["type"] == "file" and before["size"] <= KEEP_BYTES:
-            before["content"] = ask_init("before " + change.get("from", path))
-        if after and after["type"] == "file" and after["size"] <= KEEP_BYTES:
-            with open(path, "rb") as file:
-                after["content"] = file.read()
+    if contents:
+        report["files"] = [
+            change for change in report["files"] if add_contents(change)]
     report["agent"] = os.getpid()
     return report
+
+
+def add_contents(change):
+    """False when somebody who is still at work has removed the file."""
+    path = change["path"]
+    before, after = change.get("before"), change.get("after")
+    if before and before["type"] == "file" and before["size"] <= KEEP_BYTES:
+        before["content"] = ask_init("before " + change.get("from", path))
+    if after and after["type"] == "file" and after["size"] <= KEEP_BYTES:
+        try:
+            after["content"] = read(path)
+        except FileNotFoundError:
+            return False
+    return True
 
 
 @request

@@ -98,7 +98,7 @@ class Inspector {
       return "record that doesn't follow the one before" + At(offset_);
     }
     chain_ = Get32(bytes_.data());
-    const std::string problem = InspectContent(type);
+    std::string problem = InspectContent(type);
     offset_ += size;
     return problem;
   }

@@ -47,24 +47,22 @@ bool SDatabaseFile::OpenWriter(Access access) {
   for (int i = 0; i < kTriesToLock; ++i) {
     fd_ = SDescriptor(open(
         path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
-    if (!fd_.IsOpen() && errno == ENOENT && access == Access::kCreate) {
-      if (Begin(path) && Install(nullptr)) {
-        return true;
+    if (fd_.IsOpen()) {
+      if (LockFile()) {
+        writes_ = TakeIn();
+        synced_end_ = mark_.synced_end;
+        replaced_ = false;
+        // The first change waits for the disk, later ones in the same second
+        // don't.
+        synced_at_ = 0;
+        return writes_;
       }
-      if (errno != EEXIST && errno != EWOULDBLOCK) {
-        return false;
-      }
-    } else if (!fd_.IsOpen()) {
-      return false;
-    } else if (LockFile()) {
-      writes_ = TakeIn();
-      synced_end_ = mark_.synced_end;
-      replaced_ = false;
-      // The first change waits for the disk, later ones in the same second
-      // don't.
-      synced_at_ = 0;
-      return writes_;
-    } else if (errno != EWOULDBLOCK) {
+    } else if (errno == ENOENT && access == Access::kCreate && Begin(path) &&
+               Install(nullptr)) {
+      return true;
+    }
+    // EEXIST: somebody else created it in between.
+    if (errno != EWOULDBLOCK && errno != EEXIST) {
       return false;
     }
     nanosleep(&kBetweenTries, nullptr);

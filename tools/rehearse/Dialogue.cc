@@ -45,7 +45,9 @@ Problem Dialogue::ReadAnswers(const std::string& file) {
       continue;
     }
     if (tab == std::string::npos) {
-      return file + ": no tab between question and answer: " + line;
+      return std::string(file)
+          .append(": no tab between question and answer: ")
+          .append(line);
     }
     answers_.emplace_back(line.substr(0, tab), line.substr(tab + 1));
   }
