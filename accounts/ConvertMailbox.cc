@@ -10,6 +10,10 @@
 // that take none the file is read until it grows no more.  The spool file goes
 // only after every message is on disk, and only if the path still is the file
 // that was read.
+//
+// A process that is killed on the way leaves the spool file, and either no "in"
+// directory or a whole one; what it left beside it tells the next process which
+// (see PopMailbox.h), so that no message is converted twice.
 
 #include "accounts/ConvertMailbox.h"
 
@@ -117,31 +121,63 @@ bool SpoolExists(const SString& spool) {
   return PathTaken(spool);
 }
 
-bool MoveMessages(SSpoolFile* spool, const SString& directory, char* buffer) {
-  SPopMailbox mailbox(directory);
-  if (!mailbox.Make()) {
+// The "in" directory of the account.
+SString DirectoryOf(const SString& uid) {
+  ReadBucketCount();
+  return gstr_MailboxDir + GetMailboxSubpath(uid) + "/in";
+}
+
+SString LoginOf(const SString& spool) {
+  return SString(spool.View().substr(spool.View().rfind('/') + 1));
+}
+
+bool MoveMessages(SSpoolFile* spool, const SString& directory,
+                  SPopMailbox* mailbox, char* buffer) {
+  if (!mailbox->Make()) {
     FailToCreate(directory);
-    mailbox.Undo();
+    mailbox->Undo();
     return false;
   }
-  SMailboxReader reader(&mailbox);
-  if (!CopyMessages(spool, &mailbox, &reader, buffer)) {
-    FailToCreate(mailbox.FailedMessage().IsEmpty() ? directory
-                                                   : mailbox.FailedMessage());
-    mailbox.Undo();
+  SMailboxReader reader(mailbox);
+  if (!CopyMessages(spool, mailbox, &reader, buffer) ||
+      !mailbox->Publish(spool->Version())) {
+    FailToCreate(mailbox->FailedMessage().IsEmpty() ? directory
+                                                    : mailbox->FailedMessage());
+    mailbox->Undo();
     return false;
   }
   if (!spool->Remove()) {
-    mailbox.Undo();
+    mailbox->Undo();
     return false;
   }
+  mailbox->Forget();
   // Somebody without locks may have written up to the removal.
   while (!spool->IsAtEnd()) {
     if (!CopyToEnd(spool, &reader, buffer) || !reader.Finish() ||
-        !mailbox.Sync()) {
+        !mailbox->Sync()) {
       return FailToCreate(directory);
     }
   }
+  return true;
+}
+
+// There is an "in" directory already.  If an earlier process has copied this very
+// spool file there and did not live to remove it, only that is left to do.
+bool FinishRemoval(SSpoolFile* spool, SPopMailbox* mailbox,
+                   const SString& directory) {
+  const SString version = spool->Version();
+  if (version.IsEmpty() || version != mailbox->LeftVersion()) {
+    Print("Error: POP mailbox already exists\n");
+    mailbox->Forget();
+    return false;
+  }
+  if (!mailbox->PublishLeftOver()) {
+    return FailToCreate(directory);
+  }
+  if (!spool->Remove()) {
+    return false;
+  }
+  mailbox->Forget();
   return true;
 }
 
@@ -167,11 +203,31 @@ bool ConvertMailbox(const SString& spool_path, const SString& uid) {
     case Content::kMail:
       break;
   }
-  ReadBucketCount();
-  const SString directory = gstr_MailboxDir + GetMailboxSubpath(uid) + "/in";
+  const SString directory = DirectoryOf(uid);
+  SPopMailbox mailbox(directory, LoginOf(spool_path));
   if (IsDirectory(directory)) {
-    Print("Error: POP mailbox already exists\n");
-    return false;
+    return FinishRemoval(&spool, &mailbox, directory);
   }
-  return MoveMessages(&spool, directory, buffer.get());
+  return MoveMessages(&spool, directory, &mailbox, buffer.get());
+}
+
+bool ResumeConversion(const SString& spool_path, const SString& uid) {
+  const SString directory = DirectoryOf(uid);
+  const SSpoolFile spool(spool_path);
+  SPopMailbox mailbox(directory, LoginOf(spool_path));
+  if (!mailbox.HasLeftOver() && !spool.HasLeftLock()) {
+    return true;
+  }
+  if (SpoolExists(spool_path)) {
+    if (!ConvertMailbox(spool_path, uid)) {
+      return false;
+    }
+  } else {
+    spool.RemoveLeftLock();
+    if (!mailbox.LeftVersion().IsEmpty() && !mailbox.PublishLeftOver()) {
+      return FailToCreate(directory);
+    }
+  }
+  mailbox.Forget();
+  return true;
 }

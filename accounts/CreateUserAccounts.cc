@@ -41,13 +41,15 @@ SStringList AddressesOf(const SString& login, const SStringList& domains) {
   return addresses;
 }
 
-bool AnyTaken(const SAccountDB& database, const SStringList& addresses) {
+// UID of the first account that has one of the addresses; "" for none.
+SString AccountWith(const SAccountDB& database, const SStringList& addresses) {
   for (const SString& address : addresses) {
-    if (!database.GetAccountUID(S821Address(address)).IsEmpty()) {
-      return true;
+    SString uid = database.GetAccountUID(S821Address(address));
+    if (!uid.IsEmpty()) {
+      return uid;
     }
   }
-  return false;
+  return {};
 }
 
 void CheckSpool(const SString& path, const SCandidate& user, uid_t uid,
@@ -108,8 +110,13 @@ void CreateUserAccount(SAccountDBMod* database, SUserImport* import,
   if (has_forward) {
     import->forward_users.Push(addresses.Get(0));
   }
-  if (AnyTaken(*database, addresses)) {
+  const bool converts = import->convert_mailboxes && IsPlainName(user.login);
+  const SString existing = AccountWith(*database, addresses);
+  if (!existing.IsEmpty()) {
     Print("already exists\n");
+    if (converts && !ResumeConversion(spool, existing)) {
+      Print(pz_NotConverted);
+    }
     return;
   }
   const SString uid = GenerateAccountUID(*database, user.name);
@@ -125,8 +132,7 @@ void CreateUserAccount(SAccountDBMod* database, SUserImport* import,
   import->created.Push(shown);
   import->new_accounts.Push(uid + " " + password);
   Print("created\n");
-  if (import->convert_mailboxes && IsPlainName(user.login) &&
-      !ConvertMailbox(spool, uid)) {
+  if (converts && !ConvertMailbox(spool, uid)) {
     Print(pz_NotConverted);
   }
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 
 #include "driver/Settings.h"
 #include "toolkit/Environment.h"
@@ -28,29 +29,40 @@ bool IsOurs(const SString& name) {
 
 }  // namespace
 
-SPopMailbox::SPopMailbox(const SString& directory) : directory_(directory) {
+SPopMailbox::SPopMailbox(const SString& directory, const SString& login)
+    : directory_(directory),
+      unfinished_(directory + ".unfinished." + login),
+      finished_mark_(directory + ".finished." + login) {
   buffer_.reserve(2 * kPiece);
 }
 
+// Filling
+
+bool SPopMailbox::OpenDirectory(const SString& directory) {
+  directory_file_ = SDescriptor(
+      open(directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return directory_file_.IsOpen();
+}
+
 bool SPopMailbox::Make() {
+  if (PathTaken(directory_)) {
+    errno = EEXIST;
+    return false;
+  }
   for (std::size_t slash = directory_.View().find(
            '/', static_cast<std::size_t>(gstr_MailboxDir.Length()));
        slash != std::string_view::npos;
        slash = directory_.View().find('/', slash + 1)) {
     const SString level(directory_.View().substr(0, slash));
     if (MakeDir(level, kDirectoryMode)) {
-      made_directories_.push_back(level);
+      made_levels_.push_back(level);
     } else if (errno != EEXIST) {
       return false;
     }
   }
-  if (!MakeDir(directory_, kDirectoryMode)) {
-    return false;
-  }
-  made_directories_.push_back(directory_);
-  directory_file_ =
-      SDescriptor(open(directory_, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return directory_file_.IsOpen();
+  Forget();
+  is_made_ = MakeDir(unfinished_, kDirectoryMode);
+  return is_made_ && OpenDirectory(unfinished_);
 }
 
 bool SPopMailbox::FailMessage() {
@@ -93,29 +105,77 @@ bool SPopMailbox::Sync() {
   }
   // One call for any number of messages, and for the account itself where it
   // lies on the same file system.
-  if (syncfs(directory_file_.Get()) != 0 || fsync(directory_file_.Get()) != 0) {
+  return syncfs(directory_file_.Get()) == 0;
+}
+
+// Moving to the place
+
+bool SPopMailbox::MoveToPlace() {
+  if (Rename(unfinished_, directory_)) {
+    return SyncDirectoryOf(directory_);
+  }
+  if (errno != ENOTEMPTY && errno != EEXIST) {
     return false;
   }
-  for (const SString& made : made_directories_) {
-    if (!SyncDirectoryOf(made)) {
+  // The server has delivered the first new mail meanwhile.
+  for (const SString& name : ReadDir(unfinished_)) {
+    if (!Rename(unfinished_ + "/" + name, directory_ + "/" + name)) {
       return false;
     }
   }
-  return true;
+  return OpenDirectory(directory_) && fsync(directory_file_.Get()) == 0 &&
+         rmdir(unfinished_) == 0;
+}
+
+bool SPopMailbox::Publish(const SString& version) {
+  // Unlike a file, a link is there with its text or not at all.
+  return symlink(version, finished_mark_) == 0 && MoveToPlace();
 }
 
 void SPopMailbox::Undo() {
   const int former_errno = errno;
   message_file_ = SDescriptor();
-  for (const SString& name : ReadDir(directory_)) {
-    if (directory_file_.IsOpen() && IsOurs(name)) {
-      unlinkat(directory_file_.Get(), name, 0);
+  if (is_made_) {
+    for (const SString& place : {unfinished_, directory_}) {
+      for (const SString& name : ReadDir(place)) {
+        if (IsOurs(name)) {
+          RemoveFile(place + "/" + name);
+        }
+      }
+      rmdir(place);
     }
+    RemoveFile(finished_mark_);
   }
   // A level in which somebody else put something stays.
-  while (!made_directories_.empty()) {
-    rmdir(made_directories_.back());
-    made_directories_.pop_back();
+  while (!made_levels_.empty()) {
+    rmdir(made_levels_.back());
+    made_levels_.pop_back();
   }
   errno = former_errno;
+}
+
+// What a killed process left
+
+bool SPopMailbox::HasLeftOver() const {
+  return PathTaken(unfinished_) || PathTaken(finished_mark_);
+}
+
+SString SPopMailbox::LeftVersion() const {
+  char text[PATH_MAX];
+  const ssize_t length = readlink(finished_mark_, text, sizeof text);
+  return length < 0
+             ? SString()
+             : SString(std::string_view(text, static_cast<size_t>(length)));
+}
+
+bool SPopMailbox::PublishLeftOver() {
+  return !PathTaken(unfinished_) || MoveToPlace();
+}
+
+void SPopMailbox::Forget() {
+  RemoveFile(finished_mark_);
+  for (const SString& name : ReadDir(unfinished_)) {
+    RemoveFile(unfinished_ + "/" + name);
+  }
+  rmdir(unfinished_);
 }

@@ -1,12 +1,17 @@
 #include "accounts/SpoolFile.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <ctime>
+#include <string>
 
+#include "driver/Settings.h"
+#include "toolkit/Environment.h"
 #include "toolkit/Privileges.h"
 
 namespace {
@@ -14,13 +19,28 @@ namespace {
 constexpr int kLockAttempts = 100;
 constexpr long kAttemptNanoseconds = 100'000'000;  // ten seconds in all
 
+constexpr mode_t kLockMode = 0444;
+
+// A process id first, as delivery agents write and read it; then what tells our
+// locks from those of other programs, and from those of other hosts that share
+// the spool.
+SString LockText(const SString& process_id) {
+  return process_id + "\nVellumcraft installation on " + gstr_HostName + "\n";
+}
+
+bool IsRunning(const SString& process_id) {
+  const long number = std::strtol(process_id, nullptr, 10);
+  return number <= 0 || kill(static_cast<pid_t>(number), 0) == 0 ||
+         errno != ESRCH;
+}
+
 }  // namespace
 
 SSpoolFile::~SSpoolFile() {
   if (has_dot_lock_) {
     const int former_errno = errno;
     const SActAs as_root(SActAs::Root{});
-    RemoveFile(path_ + ".lock");
+    RemoveFile(LockPath());
     errno = former_errno;
   }
 }
@@ -32,20 +52,74 @@ bool SSpoolFile::NamesThisFile() const {
          named.st_dev == open.st_dev && named.st_ino == open.st_ino;
 }
 
-bool SSpoolFile::TakeDotLock() {
+bool SSpoolFile::IsLockLeft(struct stat* status) const {
   const SDescriptor lock(
-      open(path_ + ".lock",
-           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0444));
+      open(LockPath(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  char text[256];
+  if (!lock.IsOpen() || fstat(lock.Get(), status) != 0 || status->st_uid != 0 ||
+      !S_ISREG(status->st_mode)) {
+    return false;
+  }
+  const ssize_t n = read(lock.Get(), text, sizeof text);
+  if (n <= 0) {
+    return false;
+  }
+  const std::string_view whole(text, static_cast<std::size_t>(n));
+  const SString process_id(whole.substr(0, whole.find('\n')));
+  return whole == LockText(process_id).View() && !IsRunning(process_id);
+}
+
+bool SSpoolFile::HasLeftLock() const {
+  const SActAs as_root(SActAs::Root{});
+  struct stat status = {};
+  return IsLockLeft(&status);
+}
+
+// Another process may have done the same, and locked, in between: the lock is
+// moved aside, looked at, and put back if it is another.
+void SSpoolFile::RemoveLeftLock() const {
+  const SActAs as_root(SActAs::Root{});
+  struct stat left = {};
+  if (!IsLockLeft(&left)) {
+    return;
+  }
+  const SString aside = LockPath() + "." + ProcessIdString();
+  struct stat moved = {};
+  if (!Rename(LockPath(), aside)) {
+    return;
+  }
+  const bool is_left = lstat(aside, &moved) == 0 &&
+                       moved.st_dev == left.st_dev &&
+                       moved.st_ino == left.st_ino;
+  if (is_left || link(aside, LockPath()) == 0) {
+    RemoveFile(aside);
+  }
+}
+
+// The lock appears with its text or not at all where the file system can do
+// that.  Without its text it locks, too.
+bool SSpoolFile::TakeDotLock() {
+  const SString directory(path_.View().substr(0, path_.View().rfind('/') + 1));
+  const SString text = LockText(ProcessIdString());
+  const SDescriptor nameless(
+      open(directory, O_WRONLY | O_TMPFILE | O_CLOEXEC, kLockMode));
+  if (nameless.IsOpen() && WriteAll(nameless.Get(), text.View()) &&
+      linkat(nameless.Get(), "", AT_FDCWD, LockPath(), AT_EMPTY_PATH) == 0) {
+    has_dot_lock_ = true;
+    return true;
+  }
+  const SDescriptor lock(
+      open(LockPath(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+           kLockMode));
   has_dot_lock_ = lock.IsOpen();
   if (has_dot_lock_) {
-    // By the process id others know at once that a lock was left behind; a lock
-    // without it is good, too.
-    static_cast<void>(WriteAll(lock.Get(), (SString(getpid()) + "\n").View()));
+    static_cast<void>(WriteAll(lock.Get(), text.View()));
   }
   return has_dot_lock_;
 }
 
 int SSpoolFile::TakeLocks() {
+  RemoveLeftLock();
   for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
     if (!has_dot_lock_ && !TakeDotLock() && errno != EEXIST) {
       return errno;
@@ -92,6 +166,17 @@ ssize_t SSpoolFile::Read(char* buffer, std::size_t size) {
 bool SSpoolFile::IsAtEnd() const {
   struct stat status = {};
   return fstat(file_.Get(), &status) == 0 && status.st_size <= offset_;
+}
+
+SString SSpoolFile::Version() const {
+  struct stat status = {};
+  if (fstat(file_.Get(), &status) != 0) {
+    return {};
+  }
+  return (std::to_string(status.st_ino) + "." + std::to_string(status.st_size) +
+          "." + std::to_string(status.st_mtim.tv_sec) + "." +
+          std::to_string(status.st_mtim.tv_nsec))
+      .c_str();
 }
 
 bool SSpoolFile::Remove() {

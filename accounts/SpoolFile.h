@@ -1,12 +1,13 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "toolkit/Files.h"
 
 /// A spool mailbox, open and locked as delivery agents lock it: PATH.lock,
 /// created exclusively, and an fcntl lock on the whole file.  It acts as root
-/// where it has to.
+/// where it has to.  A PATH.lock that an earlier run was killed with is taken over.
 ///
 /// Nothing else in the process may open the file meanwhile: closing any of its
 /// descriptors would give up the fcntl lock.
@@ -22,18 +23,27 @@ class SSpoolFile {
   /// words of errno: a link ELOOP, a directory EISDIR, a file of several names
   /// EPERM, another kind of file EINVAL, locked by others EAGAIN.
   [[nodiscard]] int Open();
+  /// True when an earlier run was killed while it held the locks, until
+  /// `RemoveLeftLock` or `Open`.
+  [[nodiscard]] bool HasLeftLock() const;
+  void RemoveLeftLock() const;
   /// Bytes read into `buffer`, 0 at the present end, -1 on an error.
   [[nodiscard]] ssize_t Read(char* buffer, std::size_t size);
   /// Begins again at the first byte.
   void Rewind() { offset_ = 0; }
   /// True when there is nothing behind what was read.
   [[nodiscard]] bool IsAtEnd() const;
+  /// What tells the file in this state from every other: its inode, size and
+  /// time of change; "" when that can't be told.
+  [[nodiscard]] SString Version() const;
   /// Removes the file; false when the path is another file by now.
   [[nodiscard]] bool Remove();
 
  private:
   [[nodiscard]] int TakeLocks();
   [[nodiscard]] bool TakeDotLock();
+  [[nodiscard]] bool IsLockLeft(struct stat* status) const;
+  [[nodiscard]] SString LockPath() const { return path_ + ".lock"; }
   [[nodiscard]] bool NamesThisFile() const;
 
   SString path_;

@@ -378,6 +378,7 @@ WRAP_AS(int, fallocate64, "fallocate", (int fd, int mode, off_t at, off_t size),
         (fd, mode, at, size), PathOf(fd), -1)
 WRAP(fsync, (int fd), (fd), PathOf(fd))
 WRAP(fdatasync, (int fd), (fd), PathOf(fd))
+WRAP(syncfs, (int fd), (fd), PathOf(fd))
 WRAP(flock, (int fd, int operation), (fd, operation), PathOf(fd))
 
 WRAP(stat, (const char* path, struct stat* status), (path, status), Text(path))
