@@ -214,22 +214,6 @@ void MatchLines(benchmark::State& state, const std::string& pattern,
                           static_cast<std::int64_t>(lines.size()));
 }
 
-// Every pattern on every of its lines, one after the other.
-template <typename Engine>
-void MatchAll(benchmark::State& state, Lines Case::*lines) {
-  std::vector<std::unique_ptr<Engine>> engines;
-  for (const Case& one : Cases()) {
-    engines.push_back(std::make_unique<Engine>(one.pattern));
-  }
-  for (auto _ : state) {
-    for (std::size_t i = 0; i < engines.size(); ++i) {
-      for (const std::string& line : Cases()[i].*lines) {
-        benchmark::DoNotOptimize(engines[i]->Search(line));
-      }
-    }
-  }
-}
-
 // Repeated no times, three characters make a new text of the same pattern.
 std::string Fresh(const std::string& pattern, std::size_t n) {
   std::string fresh = pattern;
@@ -328,51 +312,54 @@ void MatchWorst(benchmark::State& state, const Worst& worst, std::size_t size) {
 }
 
 template <typename Engine>
-void RegisterWorst(const std::string& engine) {
-  for (const Worst& worst : kWorst) {
-    for (const std::size_t size : {10000U, 20000U, 5000000U}) {
-      const std::string name = std::string("Worst/") + worst.name + "/" +
-                               std::to_string(size) + "/" + engine;
-      benchmark::RegisterBenchmark(name.c_str(),
-                                   [&worst, size](benchmark::State& state) {
-                                     MatchWorst<Engine>(state, worst, size);
-                                   });
-    }
-  }
+void RegisterLines(const std::string& name, const Case& one, const Lines& lines,
+                   bool hit) {
+  benchmark::RegisterBenchmark(
+      name.c_str(), [&one, &lines, hit](benchmark::State& state) {
+        MatchLines<Engine>(state, one.pattern, lines, hit);
+      });
 }
 
 template <typename Engine>
-void Register(const std::string& engine) {
-  benchmark::RegisterBenchmark(("Hits/all/" + engine).c_str(), MatchAll<Engine>,
-                               &Case::hits);
-  benchmark::RegisterBenchmark(("Misses/all/" + engine).c_str(),
-                               MatchAll<Engine>, &Case::misses);
+void RegisterWorst(const std::string& name, const Worst& worst,
+                   std::size_t size) {
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [&worst, size](benchmark::State& state) {
+                                 MatchWorst<Engine>(state, worst, size);
+                               });
+}
+
+// Peers stand next to each other, so that a busy moment of the machine hits
+// both.
+void RegisterAll() {
   for (const Case& one : Cases()) {
     for (const bool hit : {true, false}) {
       const Lines& lines = hit ? one.hits : one.misses;
       if (lines.empty()) {
         continue;
       }
-      const std::string name =
-          std::string(hit ? "Hits/" : "Misses/") + one.pattern + "/" + engine;
-      benchmark::RegisterBenchmark(
-          name.c_str(), [&one, &lines, hit](benchmark::State& state) {
-            MatchLines<Engine>(state, one.pattern, lines, hit);
-          });
+      const std::string name = (hit ? "Hits/" : "Misses/") + one.pattern;
+      RegisterLines<Ours>(name + "/ours", one, lines, hit);
+      RegisterLines<Pcre2>(name + "/pcre2", one, lines, hit);
     }
   }
-  benchmark::RegisterBenchmark(("FirstUse/" + engine).c_str(),
-                               FirstUse<Engine>);
+  benchmark::RegisterBenchmark("FirstUse/ours", FirstUse<Ours>);
+  benchmark::RegisterBenchmark("FirstUse/pcre2", FirstUse<Pcre2>);
+  for (const Worst& worst : kWorst) {
+    for (const std::size_t size : {10000U, 20000U}) {
+      const std::string name =
+          std::string("Worst/") + worst.name + "/" + std::to_string(size);
+      RegisterWorst<Ours>(name + "/ours", worst, size);
+      RegisterWorst<Re2>(name + "/re2", worst, size);
+    }
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  Register<Ours>("ours");
-  Register<Pcre2>("pcre2");
-  RegisterWorst<Ours>("ours");
-  RegisterWorst<Re2>("re2");
+  RegisterAll();
   benchmark::RunSpecifiedBenchmarks();
   return 0;
 }
