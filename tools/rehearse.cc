@@ -21,6 +21,7 @@
 #include <sstream>
 
 #include "tools/rehearse/Channel.h"
+#include "tools/rehearse/Descendants.h"
 #include "tools/rehearse/Enquiry.h"
 #include "tools/rehearse/Inside.h"
 #include "tools/rehearse/Keep.h"
@@ -40,18 +41,21 @@ int Fail(const Problem& problem) {
 }
 
 // A program that nobody waits for may not live on: the kernel kills init with
-// its parent, even when that is killed by SIGKILL.
+// its parent, even when that is killed by SIGKILL.  On this host, where the end
+// of init doesn't end the others, it lives on to end them.
 pid_t StartInside(const Start& start, int own_channel) {
-  const pid_t child =
-      static_cast<pid_t>(syscall(SYS_clone,
-                                 CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET |
-                                     CLONE_NEWUTS | CLONE_NEWIPC | SIGCHLD,
-                                 nullptr, nullptr, nullptr, 0));
+  const bool this_host = start.options->this_host;
+  const int own = this_host ? 0 : CLONE_NEWPID | CLONE_NEWNET;
+  const pid_t child = static_cast<pid_t>(syscall(
+      SYS_clone, CLONE_NEWNS | CLONE_NEWUTS | CLONE_NEWIPC | own | SIGCHLD,
+      nullptr, nullptr, nullptr, 0));
   if (child != 0) {
     return child;
   }
   close(own_channel);
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (!this_host) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+  }
   // The parent may have died before that: then its end of the channel is shut.
   pollfd parent = {start.channel, POLLIN, 0};
   if (poll(&parent, 1, 0) == 0) {
@@ -244,6 +248,9 @@ int Rehearse(const Options& options) {
   Descriptor other(ends[1]);
   start.channel = other.Get();
   start.terminal = TerminalOf();
+  if (options.this_host) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+  }
   const pid_t child = StartInside(start, own.Get());
   if (child < 0) {
     return Fail(
@@ -255,6 +262,9 @@ int Rehearse(const Options& options) {
       Outside(resolved, start, own.Get(), child, json.Get()).Run();
   // Init is gone when everything in its name spaces is.
   while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  if (options.this_host) {
+    EndDescendants();  // there are some only if init was killed
   }
   return status;
 }

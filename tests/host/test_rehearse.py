@@ -435,7 +435,10 @@ def test_a_missing_program_is_told_from_one_that_can_not_run(scratch):
 
 
 @pytest.mark.parametrize("arguments", [
-    [], ["--root"], ["--bogus", "--", "true"], ["--this-host", "--", "true"],
+    [], ["--root"], ["--bogus", "--", "true"],
+    ["--this-host", "--root", "/tmp", "--", "true"],
+    ["--this-host", "--prepare", "true", "--", "true"],
+    ["--this-host", "--privileged", "--", "true"],
     ["--root", "/nonexistent", "--", "true"],
     ["--prepare", "exit 3", "--", "true"],
     ["--answers", "/nonexistent", "--", "true"],

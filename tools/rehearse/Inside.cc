@@ -7,7 +7,6 @@
 #include "tools/rehearse/Inside.h"
 
 #include <fcntl.h>
-#include <linux/capability.h>
 #include <net/if.h>
 #include <poll.h>
 #include <signal.h>
@@ -22,35 +21,19 @@
 
 #include "tools/rehearse/Changes.h"
 #include "tools/rehearse/Channel.h"
+#include "tools/rehearse/Confinement.h"
+#include "tools/rehearse/Descendants.h"
 #include "tools/rehearse/Dialogue.h"
 #include "tools/rehearse/Enquiry.h"
+#include "tools/rehearse/HostGuard.h"
+#include "tools/rehearse/HostReport.h"
+#include "tools/rehearse/Program.h"
 #include "tools/rehearse/Report.h"
 
 namespace {
 
-// Rights of root that reach beyond the name spaces.
-constexpr std::array<int, 15> kHostCapabilities = {
-    CAP_SYS_MODULE, CAP_SYS_RAWIO,     CAP_SYS_BOOT,          CAP_SYS_TIME,
-    CAP_MKNOD,      CAP_SYSLOG,        CAP_WAKE_ALARM,        CAP_BLOCK_SUSPEND,
-    CAP_PERFMON,    CAP_BPF,           CAP_MAC_ADMIN,         CAP_MAC_OVERRIDE,
-    CAP_SYS_PACCT,  CAP_AUDIT_CONTROL, CAP_CHECKPOINT_RESTORE};
-// Rights that would let a program leave them on purpose.
-constexpr std::array<int, 2> kNameSpaceCapabilities = {CAP_SYS_ADMIN,
-                                                       CAP_SYS_PTRACE};
-
 // How soon a program that waits for an answer is noticed.
 constexpr int kAskedMilliseconds = 20;
-
-bool DropCapabilities(bool privileged) {
-  bool dropped = true;
-  for (const int capability : kHostCapabilities) {
-    dropped &= prctl(PR_CAPBSET_DROP, capability) == 0 || errno == EINVAL;
-  }
-  for (const int capability : kNameSpaceCapabilities) {
-    dropped &= privileged || prctl(PR_CAPBSET_DROP, capability) == 0;
-  }
-  return dropped;
-}
 
 bool RaiseLoopback() {
   const Descriptor socket_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -64,20 +47,14 @@ bool RaiseLoopback() {
   return ioctl(socket_fd.Get(), SIOCSIFFLAGS, &request) == 0;
 }
 
-std::vector<char*> ArgumentsOf(const std::vector<std::string>& words) {
-  std::vector<char*> arguments;
-  arguments.reserve(words.size() + 1);
-  for (const std::string& word : words) {
-    arguments.push_back(const_cast<char*>(word.c_str()));
-  }
-  arguments.push_back(nullptr);
-  return arguments;
-}
-
 class Init {
  public:
   explicit Init(const Start& start)
-      : start_(start), options_(*start.options), changes_(root_) {}
+      : start_(start),
+        options_(*start.options),
+        changes_(root_),
+        watch_(start.options->this_host ? static_cast<Watch&>(guard_)
+                                        : static_cast<Watch&>(signals_)) {}
 
   void Run() {
     if (Problem problem = SetUp(); !problem.empty()) {
@@ -86,11 +63,13 @@ class Init {
     }
     Mark();
     (void)Send(start_.channel, Message::Kind::kReady, "");
-    if (const int error = StartProgram(); error != 0) {
-      (void)Send(start_.channel, Message::Kind::kNotFound,
-                 std::to_string(error));
+    const StartedProgram started =
+        StartProgram(options_, dialogue_, start_.terminal, watch_);
+    if (started.failure) {
+      (void)Send(start_.channel, started.failure->kind, started.failure->text);
       return;
     }
+    program_ = started.id;
     while (!program_ended_) {
       Wait();
     }
@@ -98,6 +77,10 @@ class Init {
       dialogue_.Show();
     }
     TakeTerminal(getpgrp());
+    if (options_.this_host) {
+      left_running_ = ListDescendants();
+      EndDescendants();  // their files are final now
+    }
     Report();
     // The other half may still save files.
     Message message;
@@ -109,14 +92,13 @@ class Init {
  private:
   Problem SetUp();
   Problem Prepare();
-  int StartProgram();
-  [[noreturn]] void BecomeProgram(int to_init);
   void Wait();
   void Reap();
   void Obey();
   void TakeTerminal(pid_t group) const;
   void Mark();
   Findings Find();
+  HostFindings FindOnThisHost();
   void Report();
 
   const Start& start_;
@@ -124,6 +106,9 @@ class Init {
   Root root_;
   Changes changes_;
   SignalWatch signals_;
+  HostGuard guard_;
+  Watch& watch_;  // one of these two
+  std::vector<Process> left_running_;
   Enquiry enquiry_;
   Dialogue dialogue_;
   Descriptor children_;  // tells of processes that ended or stopped
@@ -155,13 +140,19 @@ Problem Init::SetUp() {
       return problem;
     }
   }
-  if (Problem problem = BuildRoot(options_.root, root_); !problem.empty()) {
+  const World world = options_.this_host ? World::kThisHost : World::kOwn;
+  if (Problem problem = BuildRoot(options_.root, world, root_);
+      !problem.empty()) {
     return problem + " (a container may withhold that); nothing was run";
   }
-  if (!RaiseLoopback()) {
+  if (options_.this_host) {
+    // What the program starts and leaves comes to this process.
+    if (setpgid(0, 0) != 0 || prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
+      return ProblemOf("can't look after processes");
+    }
+  } else if (!RaiseLoopback()) {
     return ProblemOf("can't raise the loopback interface");
-  }
-  if (!enquiry_.Open()) {
+  } else if (!enquiry_.Open()) {
     return ProblemOf("can't listen for enquiries");
   }
   if (chdir(start_.directory.c_str()) != 0) {
@@ -182,13 +173,7 @@ Problem Init::Prepare() {
   }
   const pid_t child = fork();
   if (child == 0) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (const int signal : {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGTTOU, SIGTTIN,
-                             SIGTSTP, SIGPIPE}) {
-      ::signal(signal, SIG_DFL);
-    }
+    ResetSignals();
     setpgid(0, 0);
     const int null = open("/dev/null", O_RDONLY);
     dup2(null, 0);
@@ -208,67 +193,6 @@ Problem Init::Prepare() {
   return "";
 }
 
-// Returns 0 once the program runs, else the errno of the failure.
-int Init::StartProgram() {
-  std::array<int, 2> ends = {};
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-    return errno;
-  }
-  const Descriptor to_child(ends[0]);
-  Descriptor to_init(ends[1]);
-  program_ = fork();
-  if (program_ == 0) {
-    BecomeProgram(to_init.Get());
-  }
-  if (program_ < 0) {
-    return errno;
-  }
-  if (dialogue_.Fd() < 0) {
-    setpgid(program_, program_);
-    TakeTerminal(program_);
-  }
-  to_init.Close();
-  // The child names the descriptor of its announcements and waits until it has
-  // been taken; then it tells an errno or, by running the program, nothing.
-  int answer = -1;
-  if (read(to_child.Get(), &answer, sizeof answer) != sizeof answer) {
-    return ECHILD;
-  }
-  if (answer >= 0 && !signals_.Take(program_, answer)) {
-    return errno;
-  }
-  (void)!write(to_child.Get(), &answer, sizeof answer);
-  return read(to_child.Get(), &answer, sizeof answer) == sizeof answer ? answer
-                                                                       : 0;
-}
-
-void Init::BecomeProgram(int to_init) {
-  if (dialogue_.Fd() < 0) {
-    setpgid(0, 0);
-  }
-  int answer = SignalWatch::Announce();
-  const int announcements = answer;
-  if (write(to_init, &answer, sizeof answer) != sizeof answer ||
-      read(to_init, &answer, sizeof answer) != sizeof answer) {
-    _exit(127);
-  }
-  close(announcements);
-  for (const int signal :
-       {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGTTOU, SIGTTIN, SIGTSTP, SIGPIPE}) {
-    ::signal(signal, SIG_DFL);
-  }
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-  const bool has_console = dialogue_.Fd() < 0 || dialogue_.UseTerminal();
-  if (has_console && DropCapabilities(options_.privileged)) {
-    execvp(options_.program[0].c_str(), ArgumentsOf(options_.program).data());
-  }
-  const int error = errno;
-  (void)!write(to_init, &error, sizeof error);
-  _exit(127);
-}
-
 void Init::TakeTerminal(pid_t group) const {
   if (start_.terminal >= 0) {
     (void)tcsetpgrp(start_.terminal, group);
@@ -278,7 +202,7 @@ void Init::TakeTerminal(pid_t group) const {
 void Init::Wait() {
   std::array<pollfd, 5> sources = {{{children_.Get(), POLLIN, 0},
                                     {start_.channel, POLLIN, 0},
-                                    {signals_.Fd(), POLLIN, 0},
+                                    {watch_.Fd(), POLLIN, 0},
                                     {enquiry_.Fd(), POLLIN, 0},
                                     {dialogue_.Fd(), POLLIN, 0}}};
   const int patience = dialogue_.Fd() < 0 ? -1 : kAskedMilliseconds;
@@ -293,7 +217,7 @@ void Init::Wait() {
     dialogue_.Show();
   }
   if (sources[2].revents != 0) {
-    signals_.Note();
+    watch_.AnswerNext();
   }
   if (sources[0].revents != 0) {
     Reap();
@@ -397,21 +321,44 @@ Findings Init::Find() {
 }
 
 void Init::Report() {
-  const Findings findings = Find();
+  const bool json = !options_.json.empty();
+  std::vector<Change> files;
+  std::string report;
+  if (options_.this_host) {
+    const HostFindings findings = FindOnThisHost();
+    report = json ? HostReportAsJson(findings, changes_)
+                  : HostReportAsText(findings, changes_);
+    files = findings.files;
+  } else {
+    const Findings findings = Find();
+    report = json ? ReportAsJson(findings) : ReportAsText(findings);
+    files = findings.files;
+  }
   std::string paths;
-  for (const Change& change : findings.files) {
+  for (const Change& change : files) {
     if (change.after) {
       paths += change.path + '\0';
     }
   }
-  const bool json = !options_.json.empty();
   (void)(Send(start_.channel,
-              json ? Message::Kind::kJson : Message::Kind::kText,
-              json ? ReportAsJson(findings) : ReportAsText(findings)) &&
+              json ? Message::Kind::kJson : Message::Kind::kText, report) &&
          (options_.keep.empty() ||
           Send(start_.channel, Message::Kind::kKeep, paths)) &&
          Send(start_.channel, Message::Kind::kEnded,
               std::to_string(program_status_)));
+}
+
+HostFindings Init::FindOnThisHost() {
+  HostFindings findings;
+  findings.program = options_.program;
+  findings.status = program_status_;
+  findings.files = changes_.Compare();
+  findings.signals = guard_.Signals();
+  findings.starts = guard_.Starts();
+  findings.refusals = guard_.Refusals();
+  findings.left_running = left_running_;
+  findings.read_only = root_.read_only;
+  return findings;
 }
 
 }  // namespace

@@ -206,11 +206,40 @@ Problem AddMount(const Mount& mount, const std::string& directory, Root& root) {
              : ProblemOf("can't show " + mount.path + " in the rehearsal");
 }
 
-bool MakeDevice(const std::string& directory, const char* name, unsigned minor,
-                unsigned major = 1) {
+bool BindFile(const std::string& source, const std::string& target) {
+  return mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+// Where devices can't be made, as in containers, those that are there serve.
+bool MakeDevice(const std::string& directory, const std::string& name,
+                unsigned minor, unsigned major = 1) {
   const std::string path = directory + "/" + name;
-  return mknod(path.c_str(), S_IFCHR | 0666, makedev(major, minor)) == 0 &&
-         chmod(path.c_str(), 0666) == 0;
+  if (mknod(path.c_str(), S_IFCHR | 0666, makedev(major, minor)) == 0) {
+    return chmod(path.c_str(), 0666) == 0;
+  }
+  return errno == EPERM && mknod(path.c_str(), S_IFREG | 0666, 0) == 0 &&
+         BindFile("/dev/" + name, path);
+}
+
+// Whom programs ask for users, groups and host names: without them, a
+// rehearsal on this host would see fewer than the host has.
+constexpr std::array<const char*, 7> kNameServices = {
+    "/run/nscd/socket",
+    "/run/nslcd/socket",
+    "/run/samba/winbindd/pipe",
+    "/run/systemd/resolve/io.systemd.Resolve",
+    "/run/systemd/userdb/io.systemd.DynamicUser",
+    "/run/systemd/userdb/io.systemd.Multiplexer",
+    "/var/lib/sss/pipes/nss"};
+
+// The socket itself answers; that of an overlay is nobody's.
+void ShowNameServices() {
+  for (const std::string path : kNameServices) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) {
+      (void)BindFile(path, kNewRoot + path);  // fewer names are no failure
+    }
+  }
 }
 
 Problem AddDevices() {
@@ -243,7 +272,7 @@ Problem AddDevices() {
 }
 
 // The kernel's own settings belong to the real host: they may be read only.
-Problem AddKernelViews() {
+Problem AddKernelViews(World world) {
   const std::string proc = kNewRoot + "/proc";
   const std::string sys = kNewRoot + "/sys";
   mkdir(proc.c_str(), 0555);
@@ -256,6 +285,10 @@ Problem AddKernelViews() {
       0) {
     return ProblemOf("can't mount /sys");
   }
+  // The files of the host's processes take orders, too.
+  if (world == World::kThisHost && !BindReadOnly(proc, proc)) {
+    return ProblemOf("can't protect /proc");
+  }
   for (const char* name : {"sys", "sysrq-trigger", "irq", "bus", "fs"}) {
     const std::string path = proc + "/" + name;
     if (access(path.c_str(), F_OK) == 0 && !BindReadOnly(path, path)) {
@@ -265,8 +298,7 @@ Problem AddKernelViews() {
   for (const char* name : {"kcore", "kmsg"}) {
     const std::string path = proc + "/" + name;
     if (access(path.c_str(), F_OK) == 0 &&
-        mount((kNewRoot + "/dev/null").c_str(), path.c_str(), nullptr, MS_BIND,
-              nullptr) != 0) {
+        !BindFile(kNewRoot + "/dev/null", path)) {
       return ProblemOf("can't hide " + path.substr(kNewRoot.size()));
     }
   }
@@ -283,7 +315,7 @@ Problem EnterRoot() {
 
 }  // namespace
 
-Problem BuildRoot(const std::string& directory, Root& root) {
+Problem BuildRoot(const std::string& directory, World world, Root& root) {
   const std::vector<Mount> mounts = MountsBelow(directory);
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
       !MakeReadOnly("/")) {
@@ -304,8 +336,11 @@ Problem BuildRoot(const std::string& directory, Root& root) {
   if (Problem problem = AddDevices(); !problem.empty()) {
     return problem;
   }
-  if (Problem problem = AddKernelViews(); !problem.empty()) {
+  if (Problem problem = AddKernelViews(world); !problem.empty()) {
     return problem;
+  }
+  if (world == World::kThisHost) {
+    ShowNameServices();
   }
   return EnterRoot();
 }

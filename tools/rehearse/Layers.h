@@ -20,9 +20,17 @@ struct Root {
   std::vector<std::string> read_only;  // file systems that can't be overlaid
 };
 
+/// Whose processes and network a rehearsal shows.
+enum class World {
+  kOwn,       // those that it starts itself
+  kThisHost,  // the host's
+};
+
 /// Turns this process's own mount name space into the rehearsal's: overlays
 /// over `directory` and over every file system mounted below it, with devices,
 /// /proc and /sys of their own, and makes that the root directory.  All that
 /// is written is kept in memory that nobody outside can see, and goes with the
-/// name space.  The process must be the first of a new process name space.
-[[nodiscard]] Problem BuildRoot(const std::string& directory, Root& root);
+/// name space.  In a world of its own, the process must be the first of a new
+/// process name space.
+[[nodiscard]] Problem BuildRoot(const std::string& directory, World world,
+                                Root& root);

@@ -6,7 +6,9 @@
 
 const char* const pz_Usage =
     "usage: rehearse [--root DIR] [--prepare COMMAND] [--answers FILE]\n"
-    "                [--json FILE] [--keep DIR] [--privileged]\n"
+    "                [--json FILE] [--keep DIR] [--privileged] [--unwatched]\n"
+    "                -- PROGRAM [ARG...]\n"
+    "       rehearse --this-host [--answers FILE] [--json FILE] [--keep DIR]\n"
     "                -- PROGRAM [ARG...]\n"
     "       rehearse --changes | --mark | --before PATH   (in a rehearsal)\n";
 
@@ -18,19 +20,21 @@ Problem ReadOptions(int argc, char** argv, Options& options) {
     kJson,
     kKeep,
     kPrivileged,
+    kUnwatched,
     kThisHost,
     kChanges,
     kMark,
     kBefore,
     kHelp
   };
-  static constexpr std::array<option, 12> kLong = {
+  static constexpr std::array<option, 13> kLong = {
       {{"root", required_argument, nullptr, kRoot},
        {"prepare", required_argument, nullptr, kPrepare},
        {"answers", required_argument, nullptr, kAnswers},
        {"json", required_argument, nullptr, kJson},
        {"keep", required_argument, nullptr, kKeep},
        {"privileged", no_argument, nullptr, kPrivileged},
+       {"unwatched", no_argument, nullptr, kUnwatched},
        {"this-host", no_argument, nullptr, kThisHost},
        {"changes", no_argument, nullptr, kChanges},
        {"mark", no_argument, nullptr, kMark},
@@ -60,8 +64,11 @@ Problem ReadOptions(int argc, char** argv, Options& options) {
         options.privileged = true;
         break;
       case kThisHost:
-        return "--this-host is not available in this version; "
-               "processes are those that --prepare starts";
+        options.this_host = true;
+        break;
+      case kUnwatched:
+        options.unwatched = true;
+        break;
       case kChanges:
         options.action = Options::Action::kShowChanges;
         break;
@@ -82,6 +89,10 @@ Problem ReadOptions(int argc, char** argv, Options& options) {
   options.program.assign(argv + optind, argv + argc);
   if (options.action == Options::Action::kRun && options.program.empty()) {
     return "which program? Try 'rehearse --help'";
+  }
+  if (options.this_host && (options.root != "/" || !options.prepare.empty() ||
+                            options.privileged || options.unwatched)) {
+    return "--this-host goes with --answers, --json and --keep only";
   }
   return "";
 }

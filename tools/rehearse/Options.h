@@ -16,6 +16,8 @@ struct Options {
   std::string answers;      // file of answers to type
   std::string before;       // path whose former content is asked for
   bool privileged = false;  // leave the program the right to mount
+  bool this_host = false;   // among the host's own processes
+  bool unwatched = false;   // leave the watch to a rehearsal inside
   std::vector<std::string> program;
 };
 

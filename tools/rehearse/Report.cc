@@ -1,140 +1,8 @@
 #include "tools/rehearse/Report.h"
 
-#include <algorithm>
-#include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <sstream>
-
-#include "tools/rehearse/Json.h"
+#include "tools/rehearse/Describe.h"
 
 namespace {
-
-// Names by id, from a file of /etc: other name services belong to the host.
-class Names {
- public:
-  explicit Names(const std::string& file) {
-    std::istringstream lines(ReadFile(file));
-    for (std::string line; std::getline(lines, line);) {
-      std::istringstream fields(line);
-      std::string name;
-      std::string id;
-      std::getline(fields, name, ':');
-      std::getline(fields, id, ':');
-      std::getline(fields, id, ':');
-      names_.emplace(std::strtoul(id.c_str(), nullptr, 10), name);
-    }
-  }
-  [[nodiscard]] std::string Of(unsigned long id) const {
-    const auto found = names_.find(id);
-    return found == names_.end() ? std::to_string(id) : found->second;
-  }
-
- private:
-  std::map<unsigned long, std::string> names_;
-};
-
-struct Owners {
-  Names users{"/etc/passwd"};
-  Names groups{"/etc/group"};
-
-  [[nodiscard]] std::string Of(const struct stat& status) const {
-    return users.Of(status.st_uid) + ":" + groups.Of(status.st_gid);
-  }
-};
-
-const char* TypeOf(mode_t mode) {
-  return S_ISREG(mode)    ? "file"
-         : S_ISDIR(mode)  ? "directory"
-         : S_ISLNK(mode)  ? "link"
-         : S_ISFIFO(mode) ? "fifo"
-         : S_ISSOCK(mode) ? "socket"
-                          : "device";
-}
-
-const char* KindOf(Change::Kind kind) {
-  switch (kind) {
-    case Change::Kind::kCreated:
-      return "created";
-    case Change::Kind::kChanged:
-      return "changed";
-    case Change::Kind::kMoved:
-      return "moved";
-    case Change::Kind::kRemoved:
-      return "removed";
-  }
-  return "";
-}
-
-std::string Octal(mode_t mode) {
-  std::array<char, 8> text = {};
-  std::snprintf(text.data(), text.size(), "%04o", mode & 07777);
-  return text.data();
-}
-
-// What a terminal would obey is shown as "?".
-std::string Printable(const std::string& text) {
-  std::string shown = text;
-  for (char& c : shown) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-      c = '?';
-    }
-  }
-  return shown;
-}
-
-std::string Differences(const Change& change, const Owners& owners) {
-  const struct stat& before = change.before->status;
-  const struct stat& after = change.after->status;
-  std::string text;
-  if (change.kind == Change::Kind::kMoved) {
-    text += ", from " + Printable(change.from);
-  }
-  if (change.kind == Change::Kind::kChanged && change.content_changed) {
-    text += (before.st_mode & S_IFMT) != (after.st_mode & S_IFMT)
-                ? std::string(", was a ") + TypeOf(before.st_mode)
-                : std::string(", content");
-  }
-  if ((before.st_mode & 07777) != (after.st_mode & 07777)) {
-    text += ", mode was " + Octal(before.st_mode);
-  }
-  if (before.st_uid != after.st_uid || before.st_gid != after.st_gid) {
-    text += ", owner was " + owners.Of(before);
-  }
-  return text;
-}
-
-std::string Line(const Change& change, const Owners& owners) {
-  const FileState& state = change.after ? *change.after : *change.before;
-  const mode_t mode = state.status.st_mode;
-  std::string text = std::string("  ") + KindOf(change.kind) + "  " +
-                     Octal(mode) + "  " + owners.Of(state.status) + "  " +
-                     Printable(change.path);
-  if (S_ISDIR(mode)) {
-    text += "/";
-  } else if (S_ISLNK(mode)) {
-    text += " -> " + Printable(state.link);
-  } else if (!S_ISREG(mode)) {
-    text += std::string(" (") + TypeOf(mode) + ")";
-  }
-  if (change.before && change.after) {
-    text += Differences(change, owners);
-  }
-  return text + "\n";
-}
-
-std::string Section(const std::string& title, const std::string& lines) {
-  return title + (lines.empty() ? " none\n" : "\n" + lines);
-}
-
-std::string ProcessLines(const std::vector<Process>& processes) {
-  std::string text;
-  for (const Process& process : processes) {
-    text += std::string("  ") + std::to_string(process.id) + "  " +
-            Printable(process.name) + "  " + Printable(process.command) + "\n";
-  }
-  return text;
-}
 
 std::string ListenerLines(const std::vector<Listener>& listeners) {
   std::string text;
@@ -146,59 +14,6 @@ std::string ListenerLines(const std::vector<Listener>& listeners) {
   return text;
 }
 
-std::string SignalLines(const std::vector<Signalled>& signalled) {
-  std::string text;
-  for (const Signalled& one : signalled) {
-    text += std::string("  ") + std::to_string(one.target.id) + "  " +
-            Printable(one.target.name) + "  " + SignalName(one.signal) +
-            " from " + Printable(one.sender) + "\n";
-  }
-  return text;
-}
-
-void AddState(JsonObject& object, const FileState& state,
-              const Owners& owners) {
-  const struct stat& status = state.status;
-  object.Add("type", TypeOf(status.st_mode));
-  object.Add("mode", Octal(status.st_mode));
-  object.AddNumber("uid", status.st_uid);
-  object.AddNumber("gid", status.st_gid);
-  object.Add("owner", owners.users.Of(status.st_uid));
-  object.Add("group", owners.groups.Of(status.st_gid));
-  object.AddNumber("size", status.st_size);
-  object.AddNumber("links", static_cast<long long>(status.st_nlink));
-  if (S_ISLNK(status.st_mode)) {
-    object.Add("target", state.link);
-  }
-}
-
-std::string AsJson(const Change& change, const Owners& owners) {
-  JsonObject object;
-  object.Add("path", change.path);
-  object.Add("kind", KindOf(change.kind));
-  if (change.kind == Change::Kind::kMoved) {
-    object.Add("from", change.from);
-  }
-  object.AddRaw("content_changed", change.content_changed ? "true" : "false");
-  for (const auto& [key, state] :
-       {std::pair("before", &change.before), {"after", &change.after}}) {
-    if (*state) {
-      JsonObject inner;
-      AddState(inner, **state, owners);
-      object.AddRaw(key, inner.Text());
-    }
-  }
-  return object.Text();
-}
-
-std::string AsJson(const Process& process) {
-  JsonObject object;
-  object.AddNumber("pid", process.id);
-  object.Add("name", process.name);
-  object.Add("command", process.command);
-  return object.Text();
-}
-
 std::string AsJson(const Listener& listener) {
   JsonObject object;
   object.Add("protocol", listener.protocol);
@@ -207,27 +22,6 @@ std::string AsJson(const Listener& listener) {
   object.Add("process", listener.process);
   object.AddNumber("pid", listener.id);
   return object.Text();
-}
-
-std::string AsJson(const Signalled& one) {
-  JsonObject object;
-  object.AddNumber("pid", one.target.id);
-  object.Add("name", one.target.name);
-  object.AddNumber("signal", one.signal);
-  object.Add("signal_name", SignalName(one.signal));
-  object.Add("sender", one.sender);
-  object.AddNumber("sender_pid", one.sender_id);
-  return object.Text();
-}
-
-template <typename Item, typename... More>
-std::string JsonList(const std::vector<Item>& items, const More&... more) {
-  std::string text = "[";
-  for (const Item& item : items) {
-    text += text.size() > 1 ? ",\n  " : "\n  ";
-    text += AsJson(item, more...);
-  }
-  return text + "]";
 }
 
 }  // namespace
@@ -256,18 +50,21 @@ std::string ReportAsText(const Findings& findings) {
 
 std::string ReportAsJson(const Findings& findings) {
   const Owners owners;
+  const auto as_json = [&owners](const auto& item) {
+    if constexpr (std::is_same_v<std::decay_t<decltype(item)>, Change>) {
+      return AsJson(item, owners);
+    } else {
+      return AsJson(item);
+    }
+  };
   JsonObject object;
-  object.AddRaw("files", JsonList(findings.files, owners));
-  object.AddRaw("signalled", JsonList(findings.signalled));
-  object.AddRaw("started", JsonList(findings.started));
-  object.AddRaw("ended", JsonList(findings.ended));
-  object.AddRaw("listening", JsonList(findings.listening));
-  object.AddRaw("no_longer_listening", JsonList(findings.no_longer_listening));
-  std::string read_only;
-  for (const std::string& path : findings.read_only) {
-    read_only += read_only.empty() ? "" : ",";
-    read_only += JsonString(path);
-  }
-  object.AddRaw("read_only", "[" + read_only + "]");
+  object.AddRaw("files", JsonList(findings.files, as_json));
+  object.AddRaw("signalled", JsonList(findings.signalled, as_json));
+  object.AddRaw("started", JsonList(findings.started, as_json));
+  object.AddRaw("ended", JsonList(findings.ended, as_json));
+  object.AddRaw("listening", JsonList(findings.listening, as_json));
+  object.AddRaw("no_longer_listening",
+                JsonList(findings.no_longer_listening, as_json));
+  object.AddRaw("read_only", JsonStrings(findings.read_only));
   return object.Text() + "\n";
 }

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "tools/rehearse/Descriptor.h"
 #include "tools/rehearse/Processes.h"
+#include "tools/rehearse/Watch.h"
 
 /// One process that another one signalled.
 struct Signalled {
@@ -14,32 +15,37 @@ struct Signalled {
   int signal = 0;
 };
 
-/// Watches the signals that a program and all its descendants send, without
-/// altering them: the kernel announces each such system call (seccomp(2), user
-/// notification) and goes on with it once that has been noted.
-class SignalWatch {
+/// What a system call that sends a signal asks for.
+struct SignalRequest {
+  pid_t sender = 0;  // the process
+  pid_t target = 0;  // as kill(2) takes it; a thread's for some calls
+  int signal = 0;
+};
+
+/// The numbers of all system calls that send signals.
+[[nodiscard]] const std::vector<int>& SignalCalls();
+
+/// Reads such a call; none when it names no process.
+[[nodiscard]] std::optional<SignalRequest> ReadSignalCall(const HeldCall& call);
+
+/// The processes that a request means, the caller of this excepted.
+[[nodiscard]] std::vector<Process> TargetsOf(const SignalRequest& request);
+
+/// kill(2): root may signal anybody, others only processes of their own.
+[[nodiscard]] bool MaySignal(pid_t sender, pid_t target);
+
+/// Notes the signals that a program and all its descendants send, without
+/// altering them.
+class SignalWatch : public Watch {
  public:
-  /// In the process that is to be watched, before it runs the program: asks
-  /// the kernel for announcements.  The descriptor they come from, -1 with
-  /// errno when the kernel can't do that.
-  [[nodiscard]] static int Announce();
-
-  /// In the process that watches: takes the descriptor of the other process.
-  [[nodiscard]] bool Take(pid_t process, int fd);
-
-  /// Ready for reading when an announcement waits; -1 when nothing is watched.
-  [[nodiscard]] int Fd() const { return announcements_.Get(); }
-
-  /// Notes one announced system call and lets it go on.
-  void Note();
-
   [[nodiscard]] const std::vector<Signalled>& Noted() const { return noted_; }
   void Forget() { noted_.clear(); }
 
- private:
-  void NoteCall(pid_t sender, int call, const unsigned long long* arguments);
+ protected:
+  [[nodiscard]] std::vector<sock_filter> Filter() const override;
+  [[nodiscard]] Answer AnswerTo(const HeldCall& call) override;
 
-  Descriptor announcements_;
+ private:
   std::vector<Signalled> noted_;
 };
 
