@@ -22,22 +22,56 @@ namespace {
 constexpr mode_t kFileMode = 0640;
 constexpr char kTemporarySuffix[] = ".new";
 
+bool IsSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// Locks the open file `temporary`; EWOULDBLOCK when a living process is at work
+// there, or when it isn't the one of that name any more.
+bool LockTemporary(int fd, const std::string& temporary) {
+  struct stat opened = {};
+  struct stat in_place = {};
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0 || fstat(fd, &opened) != 0) {
+    return false;
+  }
+  if (lstat(temporary.c_str(), &in_place) != 0 ||
+      !IsSameFile(opened, in_place)) {
+    errno = EWOULDBLOCK;
+    return false;
+  }
+  return true;
+}
+
 // Removes what a killed process left under the temporary name; EWOULDBLOCK when
 // a living one is at work there.
-bool RemoveLeftOver(const std::string& path) {
-  struct stat status = {};
-  if (lstat(path.c_str(), &status) != 0) {
+bool RemoveLeftOver(const std::string& path, const std::string& temporary) {
+  struct stat left = {};
+  struct stat in_place = {};
+  if (lstat(temporary.c_str(), &left) != 0) {
     return errno == ENOENT;
   }
-  // A file with a second name was put in place by linking.
-  if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
-    const SDescriptor fd(
-        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (fd.IsOpen() && flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
+  SDescriptor fd;
+  // The second name of a file in place is left from putting it there.
+  if (S_ISREG(left.st_mode) &&
+      (lstat(path.c_str(), &in_place) != 0 || !IsSameFile(left, in_place))) {
+    fd = SDescriptor(open(temporary.c_str(),
+                          O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (fd.IsOpen() && !LockTemporary(fd.Get(), temporary)) {
       return false;
     }
   }
-  return unlink(path.c_str()) == 0 || errno == ENOENT;
+  // The lock is held until the name is gone, so that it can't be another's.
+  return unlink(temporary.c_str()) == 0 || errno == ENOENT;
+}
+
+// Gives the new file the owner and group of the one that it replaces, whoever
+// the writer is.
+bool TakeOwnerOf(int former, int fresh) {
+  struct stat wanted = {};
+  struct stat given = {};
+  return fstat(former, &wanted) == 0 && fstat(fresh, &given) == 0 &&
+         ((wanted.st_uid == given.st_uid && wanted.st_gid == given.st_gid) ||
+          fchown(fresh, wanted.st_uid, wanted.st_gid) == 0);
 }
 
 // Gives `from` the name `to` unless there is such a file.
@@ -49,7 +83,8 @@ bool RenameToFreeName(const std::string& from, const std::string& to) {
   if (errno != EINVAL && errno != ENOSYS) {
     return false;
   }
-  return link(from.c_str(), to.c_str()) == 0 && unlink(from.c_str()) == 0;
+  return link(from.c_str(), to.c_str()) == 0 &&
+         (unlink(from.c_str()) == 0 || errno == ENOENT);
 }
 
 }  // namespace
@@ -59,7 +94,7 @@ bool SDatabaseFile::Begin(const std::string& path) {
   path_ = path;
   const std::string temporary = path + kTemporarySuffix;
   const SHoldSignals hold;
-  if (!RemoveLeftOver(temporary)) {
+  if (!RemoveLeftOver(path, temporary)) {
     return false;
   }
   fd_ = SDescriptor(open(temporary.c_str(),
@@ -69,11 +104,15 @@ bool SDatabaseFile::Begin(const std::string& path) {
     errno = errno == EEXIST ? EWOULDBLOCK : errno;
     return false;
   }
-  if (flock(fd_.Get(), LOCK_EX | LOCK_NB) != 0) {
+  if (!LockTemporary(fd_.Get(), temporary)) {
     return false;
   }
   temporary_ = temporary;
   writes_ = true;
+  // The mode is what it is, whatever the mask of the process.
+  if (fchmod(fd_.Get(), kFileMode) != 0) {
+    return false;
+  }
   struct stat status = {};
   if (fstat(fd_.Get(), &status) != 0 || !WriteHead()) {
     return false;
@@ -114,7 +153,8 @@ bool SDatabaseFile::FlushNew() {
 
 bool SDatabaseFile::Install(SDatabaseFile* former) {
   const SHoldSignals hold;
-  if (!FlushNew() || !SaveIndex()) {
+  if (!FlushNew() || !SaveIndex() ||
+      (former != nullptr && !TakeOwnerOf(former->fd_.Get(), fd_.Get()))) {
     return false;
   }
   if (file_size_ > end_ &&
@@ -123,7 +163,8 @@ bool SDatabaseFile::Install(SDatabaseFile* former) {
   }
   file_size_ = end_;
   // All of it must be on disk before it takes the place of what is.
-  if ((synced_end_ != end_ && !SyncData()) || fdatasync(fd_.Get()) != 0) {
+  if ((synced_end_ != end_ && !SyncData()) || fdatasync(fd_.Get()) != 0 ||
+      !LockTemporary(fd_.Get(), temporary_)) {
     return false;
   }
   const bool renamed = former != nullptr
@@ -168,7 +209,10 @@ bool SDatabaseFile::Compact() {
     errno = EBADMSG;
     return false;
   }
-  if (!fresh.Install(this)) {
+  struct stat status = {};
+  if (fstat(fd_.Get(), &status) != 0 ||
+      fchmod(fresh.fd_.Get(), status.st_mode & 07777) != 0 ||
+      !fresh.Install(this)) {
     return false;
   }
   Adopt(&fresh);

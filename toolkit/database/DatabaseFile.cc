@@ -282,15 +282,16 @@ std::uint32_t SDatabaseFile::Find(std::string_view path) {
   errno = 0;
   index_.ForEach(HashOfPath(path), [&](std::uint32_t id) {
     std::string_view body;
-    if (ReadBody(id, &body) && SSectionCursor(body).Path() == path) {
+    if (!ReadBody(id, &body)) {
+      // A removed section leaves its entry behind.
+      errno = errno == ENOENT ? 0 : errno;
+    } else if (SSectionCursor(body).Path() == path) {
       found = id;
     }
-    return found == kNone;
+    return found == kNone && errno == 0;
   });
   if (index_.IsDamaged()) {
     errno = EBADMSG;
-  } else if (found != kNone) {
-    errno = 0;
   }
   return found;
 }

@@ -98,11 +98,13 @@ bool SDatabaseFile::Store(const SSection& section, std::uint32_t* id) {
   const std::uint32_t number = *id == kNone ? index_.Sections() : *id;
   record_.clear();
   AppendSectionRecord(number, section, last_checksum_, &record_);
+  const std::uint64_t removals = removals_;
   if (!AppendRecord()) {
     return false;
   }
-  *id = number;
-  return true;
+  // The sections of a new file have other numbers.
+  *id = removals == removals_ ? number : Find(section.path.View());
+  return *id != kNone;
 }
 
 bool SDatabaseFile::Remove(std::uint32_t id) {

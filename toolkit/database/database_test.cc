@@ -35,7 +35,9 @@ std::string Numbered(std::string text, unsigned long number) {
 class DatabaseTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = ::testing::TempDir() + "/databaseXXXXXX";
+    std::string pattern =
+        (access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ::testing::TempDir()) +
+        std::string("/databaseXXXXXX");
     home_ = mkdtemp(pattern.data());
     fs::create_directory(home_ + "/config");
     PutEnv("Vellumcraft", SString(std::string_view(home_)));
@@ -208,6 +210,38 @@ TEST_F(DatabaseTest, AnAccountAppearsAsAWholeWithLock) {
   EXPECT_EQ("", reader.GetAccountUID(S821Address("new@x.org")).Std());
   EXPECT_FALSE(reader.GetAccountInfo("Ann"));
   EXPECT_EQ(0, reader.AccountUIDCount());
+}
+
+TEST_F(DatabaseTest, AnAccountIsMadeAgainAfterItsRemoval) {
+  SAccountDBMod database;
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(MakeAccount(database, "Ann", SString(i) + "@x.org"));
+    ASSERT_TRUE(database.DeleteAccount("Ann"));
+  }
+  EXPECT_EQ(0, database.AccountUIDCount());
+}
+
+TEST_F(DatabaseTest, AnAccountThatStaysOpenKeepsToItselfWhenSpaceIsReclaimed) {
+  SAccountDBMod database;
+  ASSERT_TRUE(MakeAccount(database, "Gone", "gone@x.org"));
+  ASSERT_TRUE(MakeAccount(database, "Ann", "ann@x.org"));
+  ASSERT_TRUE(MakeAccount(database, "Bob", "bob@x.org"));
+  ASSERT_TRUE(database.DeleteAccount("Gone"));
+  SAccountMod ann;
+  ASSERT_TRUE(database.ModifyAccount("Ann", &ann));
+  struct stat before = {};
+  ASSERT_EQ(0, stat(Path("Accounts").c_str(), &before));
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_TRUE(ann.Set("Name", SString('n', 50000)));
+    ASSERT_TRUE(ann.Set("Name", SString(i)));
+    SAccount bob;
+    ASSERT_TRUE(database.GetAccountInfo("Bob", &bob)) << i;
+    ASSERT_TRUE(bob.Get("Name") == SStringList("Bob"));
+  }
+  struct stat after = {};
+  ASSERT_EQ(0, stat(Path("Accounts").c_str(), &after));
+  EXPECT_NE(before.st_ino, after.st_ino) << "space was reclaimed";
+  EXPECT_TRUE(ann.Get("Name") == SStringList("99"));
 }
 
 TEST_F(DatabaseTest, ReservedAccountsWinAnAddressThenTheFirstCreated) {
