@@ -51,6 +51,13 @@ SStringList List(const std::vector<std::string>& values) {
 
 // Ours
 
+OurAccount::OurAccount(const SampleAccount& sample)
+    : uid(sample.uid), addresses(List(sample.addresses)) {
+  for (const auto& [field, values] : sample.fields) {
+    fields.emplace_back(SString(field), List(values));
+  }
+}
+
 OurStore::OurStore(const std::string& directory, Access access) {
   PutEnv("Vellumcraft", SString(directory));
   mkdir((directory + "/config").c_str(), 0755);
@@ -63,41 +70,43 @@ OurStore::OurStore(const std::string& directory, Access access) {
   }
 }
 
-bool OurStore::HasAddress(const std::string& address) {
-  return !database_->GetAccountUID(S821Address(SString(address))).IsEmpty();
+bool OurStore::HasAddress(const SString& address) {
+  return !database_->GetAccountUID(S821Address(address)).IsEmpty();
 }
 
-bool OurStore::HasUID(const std::string& uid) {
-  return database_->IsUIDTaken(SString(uid));
-}
-
-bool OurStore::Create(const SampleAccount& account) {
+bool OurStore::CreateUnlessTaken(const OurAccount& account) {
+  for (const SString& address : account.addresses) {
+    if (HasAddress(address)) {
+      return false;
+    }
+  }
   SAccountMod made;
-  if (!writer_->ModifyAccount(SString(account.uid), &made)) {
+  if (database_->IsUIDTaken(account.uid) ||
+      !writer_->ModifyAccount(account.uid, &made)) {
     return false;
   }
   for (const auto& [field, values] : account.fields) {
-    if (!made.Set(SString(field), List(values))) {
+    if (!made.Set(field, values)) {
       return false;
     }
   }
   return made.Lock();
 }
 
-bool OurStore::Set(const SampleAccount& account, const std::string& field,
+bool OurStore::Set(const OurAccount& account, const char* field,
                    const std::string& value) {
   SAccountMod changed;
-  return writer_->ModifyAccount(SString(account.uid), &changed) &&
-         changed.Set(SString(field), SString(value));
+  return writer_->ModifyAccount(account.uid, &changed) &&
+         changed.Set(field, SString(value));
 }
 
-bool OurStore::IsWhole(const SampleAccount& account) {
+bool OurStore::IsWhole(const OurAccount& account) {
   SAccount found;
-  if (!database_->GetAccountInfo(SString(account.uid), &found)) {
+  if (!database_->GetAccountInfo(account.uid, &found)) {
     return false;
   }
   for (const auto& [field, values] : account.fields) {
-    if (found.Get(SString(field)).IsEmpty()) {
+    if (found.Get(field).IsEmpty()) {
       return false;
     }
   }
@@ -216,7 +225,7 @@ bool LmdbStore::CreateByFields(const SampleAccount& account) {
   return mdb_txn_renew(read_) == 0;
 }
 
-bool LmdbStore::Set(const SampleAccount& account, const std::string& field,
+bool LmdbStore::Set(const SampleAccount& account, const char* field,
                     const std::string& value) {
   MDB_txn* transaction = nullptr;
   Must(mdb_txn_begin(environment_, nullptr, 0, &transaction), "mdb_txn_begin");

@@ -15,21 +15,31 @@
 // exists; what is opened there is made when it is missing.  A peer that fails
 // ends the program: nothing is measured then.
 
+/// An account in the types that the system's own code uses.
+struct OurAccount {
+  explicit OurAccount(const SampleAccount& sample);
+  SString uid;
+  SStringList addresses;
+  std::vector<std::pair<SString, SStringList>> fields;
+};
+
 /// The account database of the system.
 class OurStore {
  public:
   enum class Access { kRead, kWrite };
+  using Account = OurAccount;
+  using Text = SString;
   OurStore(const std::string& directory, Access access);
 
-  [[nodiscard]] bool HasAddress(const std::string& address);
-  [[nodiscard]] bool HasUID(const std::string& uid);
-  /// All fields, visible at once.
-  [[nodiscard]] bool Create(const SampleAccount& account);
+  [[nodiscard]] bool HasAddress(const SString& address);
+  /// Look-ups and fields, visible at once; false when one of the addresses or
+  /// the UID is taken.
+  [[nodiscard]] bool CreateUnlessTaken(const OurAccount& account);
   /// One field of an existing account, stored at once.
-  [[nodiscard]] bool Set(const SampleAccount& account, const std::string& field,
+  [[nodiscard]] bool Set(const OurAccount& account, const char* field,
                          const std::string& value);
   /// True when the account is there with all of its fields.
-  [[nodiscard]] bool IsWhole(const SampleAccount& account);
+  [[nodiscard]] bool IsWhole(const OurAccount& account);
   /// Everything is on disk.
   [[nodiscard]] bool Sync();
 
@@ -43,6 +53,8 @@ class OurStore {
 class LmdbStore {
  public:
   enum class Access { kRead, kWrite, kDurable };
+  using Account = SampleAccount;
+  using Text = std::string;
   /// Without `kDurable` the map is written to (WRITEMAP) and never synced
   /// (NOSYNC), the fastest LMDB knows.
   LmdbStore(const std::string& directory, Access access);
@@ -56,7 +68,7 @@ class LmdbStore {
   [[nodiscard]] bool CreateUnlessTaken(const SampleAccount& account);
   /// The same with a transaction for each field.
   [[nodiscard]] bool CreateByFields(const SampleAccount& account);
-  [[nodiscard]] bool Set(const SampleAccount& account, const std::string& field,
+  [[nodiscard]] bool Set(const SampleAccount& account, const char* field,
                          const std::string& value);
   [[nodiscard]] bool IsWhole(const SampleAccount& account);
 
@@ -76,6 +88,7 @@ class LmdbStore {
 /// SQLite with a write-ahead log that is synced at every commit.
 class SqliteStore {
  public:
+  using Account = SampleAccount;
   explicit SqliteStore(const std::string& directory);
   ~SqliteStore();
   SqliteStore(const SqliteStore&) = delete;

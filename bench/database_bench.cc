@@ -32,13 +32,12 @@ constexpr std::size_t kSets = 20'000;
 constexpr std::size_t kLookUps = 10'000;
 constexpr std::size_t kDurable = 300;
 
-using Accounts = std::vector<SampleAccount>;
-
-const Accounts& ManyAccounts() {
-  static const Accounts accounts = [] {
-    Accounts made;
+template <typename Account>
+const std::vector<Account>& ManyAccounts() {
+  static const std::vector<Account> accounts = [] {
+    std::vector<Account> made;
     for (std::size_t i = 0; i < kMany; ++i) {
-      made.push_back(MakeAccount(i));
+      made.emplace_back(MakeAccount(i));
     }
     return made;
   }();
@@ -66,27 +65,17 @@ class Scratch {
   std::string path_;
 };
 
-// The engines with the same verbs.
-struct Ours : OurStore {
-  using OurStore::OurStore;
-  bool Make(const SampleAccount& account) {
-    for (const std::string& address : account.addresses) {
-      if (HasAddress(address)) {
-        return false;
-      }
-    }
-    return !HasUID(account.uid) && Create(account);
-  }
-};
-
-struct LmdbByAccount : LmdbStore {
+// One transaction per account.
+struct Lmdb : LmdbStore {
   using LmdbStore::LmdbStore;
-  bool Make(const SampleAccount& account) { return CreateUnlessTaken(account); }
 };
 
+// One transaction per field.
 struct LmdbByField : LmdbStore {
   using LmdbStore::LmdbStore;
-  bool Make(const SampleAccount& account) { return CreateByFields(account); }
+  bool CreateUnlessTaken(const SampleAccount& account) {
+    return CreateByFields(account);
+  }
 };
 
 // Another process that reads accounts, each of which must be there as a whole.
@@ -139,14 +128,15 @@ class Reader {
 
   void ReadOn(const std::string& directory) {
     Store store(directory, Store::Access::kRead);
+    const auto& known = ManyAccounts<typename Store::Account>();
     const std::vector<std::size_t> numbers = ShuffledNumbers(65536, kMany);
     for (std::size_t i = 0; !shared_->ends.load(std::memory_order_relaxed);
          ++i) {
       const std::size_t accounts =
           shared_->accounts.load(std::memory_order_acquire);
       if (accounts > 0) {
-        const SampleAccount& account =
-            ManyAccounts()[numbers[i % numbers.size()] % accounts];
+        const typename Store::Account& account =
+            known[numbers[i % numbers.size()] % accounts];
         if (!store.HasAddress(account.addresses[1]) ||
             !store.IsWhole(account)) {
           shared_->failures.fetch_add(1);
@@ -163,7 +153,7 @@ class Reader {
 
 template <typename Store>
 void Create(benchmark::State& state, bool with_reader) {
-  const Accounts& accounts = ManyAccounts();
+  const auto& accounts = ManyAccounts<typename Store::Account>();
   for (auto _ : state) {
     state.PauseTiming();
     const Scratch scratch("create");
@@ -171,13 +161,13 @@ void Create(benchmark::State& state, bool with_reader) {
     {
       Store store(scratch.Path(), Store::Access::kWrite);
       // A first one makes the files.
-      bool made = store.Make(accounts[0]);
+      bool made = store.CreateUnlessTaken(accounts[0]);
       if (with_reader) {
         reader = std::make_unique<Reader<Store>>(scratch.Path());
       }
       state.ResumeTiming();
       for (std::size_t i = 1; i < accounts.size(); ++i) {
-        made = store.Make(accounts[i]) && made;
+        made = store.CreateUnlessTaken(accounts[i]) && made;
         if (reader != nullptr) {
           reader->MayRead(i);
         }
@@ -193,17 +183,18 @@ void Create(benchmark::State& state, bool with_reader) {
 
 // Cost of one account while the database grows from nothing to `count`.
 void CreateCounted(benchmark::State& state, std::size_t count) {
-  const Accounts& accounts = ManyAccounts();
+  const auto& accounts = ManyAccounts<OurAccount>();
   const std::size_t databases = kMany / count;
   for (auto _ : state) {
     for (std::size_t n = 0; n < databases; ++n) {
       state.PauseTiming();
       const Scratch scratch("counted");
-      auto store = std::make_unique<Ours>(scratch.Path(), Ours::Access::kWrite);
-      bool made = store->Make(accounts[0]);
+      auto store =
+          std::make_unique<OurStore>(scratch.Path(), OurStore::Access::kWrite);
+      bool made = store->CreateUnlessTaken(accounts[0]);
       state.ResumeTiming();
       for (std::size_t i = 1; i < count; ++i) {
-        made = store->Make(accounts[i]) && made;
+        made = store->CreateUnlessTaken(accounts[i]) && made;
       }
       state.PauseTiming();
       if (!made) {
@@ -220,13 +211,14 @@ template <typename Store>
 std::string Prepared(std::size_t count) {
   const std::string directory = PathOf("kept-" + std::to_string(count));
   const std::string done = directory + "/" +
-                           (std::is_same_v<Store, Ours> ? "ours" : "lmdb") +
+                           (std::is_same_v<Store, OurStore> ? "ours" : "lmdb") +
                            "-done";
   if (!std::filesystem::exists(done)) {
     std::filesystem::create_directories(directory);
     Store store(directory, Store::Access::kWrite);
     for (std::size_t i = 0; i < count; ++i) {
-      if (!store.Make(MakeAccount(i))) {
+      const typename Store::Account account(MakeAccount(i));
+      if (!store.CreateUnlessTaken(account)) {
         std::abort();
       }
     }
@@ -238,6 +230,7 @@ std::string Prepared(std::size_t count) {
 template <typename Store>
 void Set(benchmark::State& state, bool with_reader) {
   const std::string directory = Prepared<Store>(kMany);
+  const auto& accounts = ManyAccounts<typename Store::Account>();
   const std::vector<std::size_t> numbers = ShuffledNumbers(kSets, kMany);
   for (auto _ : state) {
     state.PauseTiming();
@@ -248,10 +241,10 @@ void Set(benchmark::State& state, bool with_reader) {
         reader = std::make_unique<Reader<Store>>(directory);
         reader->MayRead(kMany);
       }
-      bool stored = store.Set(ManyAccounts()[0], "Finger-Info", "Office 1");
+      bool stored = store.Set(accounts[0], "Finger-Info", "Office 1");
       state.ResumeTiming();
       for (const std::size_t number : numbers) {
-        stored = store.Set(ManyAccounts()[number], "Finger-Info",
+        stored = store.Set(accounts[number], "Finger-Info",
                            "Office " + std::to_string(number)) &&
                  stored;
       }
@@ -267,17 +260,17 @@ void Set(benchmark::State& state, bool with_reader) {
 template <typename Store>
 void LookUp(benchmark::State& state, std::size_t count, bool hit) {
   const std::string directory = Prepared<Store>(count);
-  std::vector<std::string> addresses;
+  std::vector<typename Store::Text> addresses;
   for (const std::size_t number : ShuffledNumbers(kLookUps, count)) {
-    addresses.push_back(hit ? AddressOf(number) : FreeAddress(number));
+    addresses.emplace_back(hit ? AddressOf(number) : FreeAddress(number));
   }
   Store store(directory, Store::Access::kRead);
   bool right = true;
-  for (const std::string& address : addresses) {
+  for (const auto& address : addresses) {
     right = store.HasAddress(address) == hit && right;
   }
   for (auto _ : state) {
-    for (const std::string& address : addresses) {
+    for (const auto& address : addresses) {
       right = store.HasAddress(address) == hit && right;
     }
   }
@@ -294,7 +287,9 @@ void Open(benchmark::State& state, std::size_t count) {
   bool right = true;
   for (auto _ : state) {
     Store store(directory, Store::Access::kRead);
-    right = store.HasAddress(AddressOf(numbers[i++ % numbers.size()])) && right;
+    right = store.HasAddress(typename Store::Text(
+                AddressOf(numbers[i++ % numbers.size()]))) &&
+            right;
   }
   if (!right) {
     state.SkipWithError("wrong answer");
@@ -302,15 +297,16 @@ void Open(benchmark::State& state, std::size_t count) {
 }
 
 void DurableOurs(benchmark::State& state) {
+  const auto& accounts = ManyAccounts<OurAccount>();
   for (auto _ : state) {
     state.PauseTiming();
     {
       const Scratch scratch("durable");
-      Ours store(scratch.Path(), Ours::Access::kWrite);
-      bool made = store.Make(ManyAccounts()[kDurable]) && store.Sync();
+      OurStore store(scratch.Path(), OurStore::Access::kWrite);
+      bool made = store.CreateUnlessTaken(accounts[kDurable]) && store.Sync();
       state.ResumeTiming();
       for (std::size_t i = 0; i < kDurable; ++i) {
-        made = store.Make(ManyAccounts()[i]) && store.Sync() && made;
+        made = store.CreateUnlessTaken(accounts[i]) && store.Sync() && made;
       }
       state.PauseTiming();
       if (!made) {
@@ -323,15 +319,16 @@ void DurableOurs(benchmark::State& state) {
 
 template <typename Store, typename... Arguments>
 void DurablePeer(benchmark::State& state, Arguments... arguments) {
+  const auto& accounts = ManyAccounts<SampleAccount>();
   for (auto _ : state) {
     state.PauseTiming();
     {
       const Scratch scratch("durable");
       Store store(scratch.Path(), arguments...);
-      bool made = store.CreateUnlessTaken(ManyAccounts()[kDurable]);
+      bool made = store.CreateUnlessTaken(accounts[kDurable]);
       state.ResumeTiming();
       for (std::size_t i = 0; i < kDurable; ++i) {
-        made = store.CreateUnlessTaken(ManyAccounts()[i]) && made;
+        made = store.CreateUnlessTaken(accounts[i]) && made;
       }
       state.PauseTiming();
       if (!made) {
@@ -352,11 +349,11 @@ void Once(const std::string& name, Function function, Arguments... arguments) {
 void RegisterAll() {
   for (const bool reader : {false, true}) {
     const std::string with = reader ? "/reader" : "";
-    Once("Create/ours" + with, Create<Ours>, reader);
-    Once("Create/lmdb-account" + with, Create<LmdbByAccount>, reader);
+    Once("Create/ours" + with, Create<OurStore>, reader);
+    Once("Create/lmdb-account" + with, Create<Lmdb>, reader);
     Once("Create/lmdb-field" + with, Create<LmdbByField>, reader);
-    Once("Set/ours" + with, Set<Ours>, reader);
-    Once("Set/lmdb" + with, Set<LmdbByAccount>, reader);
+    Once("Set/ours" + with, Set<OurStore>, reader);
+    Once("Set/lmdb" + with, Set<Lmdb>, reader);
   }
   Once("Growth/1000", CreateCounted, kFew);
   Once("Growth/100000", CreateCounted, kMany);
@@ -364,15 +361,15 @@ void RegisterAll() {
     const std::string size = std::to_string(count);
     for (const bool hit : {true, false}) {
       const std::string name = "LookUp/" + size + (hit ? "/hit" : "/miss");
-      benchmark::RegisterBenchmark((name + "/ours").c_str(), LookUp<Ours>,
+      benchmark::RegisterBenchmark((name + "/ours").c_str(), LookUp<OurStore>,
                                    count, hit);
-      benchmark::RegisterBenchmark((name + "/lmdb").c_str(),
-                                   LookUp<LmdbByAccount>, count, hit);
+      benchmark::RegisterBenchmark((name + "/lmdb").c_str(), LookUp<Lmdb>,
+                                   count, hit);
     }
-    benchmark::RegisterBenchmark(("Open/" + size + "/ours").c_str(), Open<Ours>,
+    benchmark::RegisterBenchmark(("Open/" + size + "/ours").c_str(),
+                                 Open<OurStore>, count);
+    benchmark::RegisterBenchmark(("Open/" + size + "/lmdb").c_str(), Open<Lmdb>,
                                  count);
-    benchmark::RegisterBenchmark(("Open/" + size + "/lmdb").c_str(),
-                                 Open<LmdbByAccount>, count);
   }
   Once("Durable/ours", DurableOurs);
   Once("Durable/lmdb", DurablePeer<LmdbStore, LmdbStore::Access>,
