@@ -87,7 +87,7 @@ void Unique(benchmark::State& state) {
     state.ResumeTiming();
     distinct.Unique();
     state.PauseTiming();
-    state.counters["distinct"] = distinct.Count();
+    state.counters["found"] = distinct.Count();
     distinct.Reset();
     state.ResumeTiming();
   }

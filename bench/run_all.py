@@ -15,142 +15,124 @@ import subprocess
 import sys
 import tempfile
 
+from table import CPU, ROWS, WALL
+
 REPO = pathlib.Path(__file__).resolve().parent.parent
 BUILD = REPO / "build-bench"
+PYTHON = "/usr/bin/python3"
+NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 
-# Time that the program computed, for what never waits; time that passed, for
-# the rest.
-CPU = "cpu_time"
-WALL = "real_time"
-
-
-class Row:
-    """One line of the table.  `ratio` gets a function from the name of a
-    benchmark to its time in one round."""
-
-    def __init__(self, subject, work, peer, bar, aim, clock, ratio):
-        self.subject = subject
-        self.work = work
-        self.peer = peer
-        self.bar = bar
-        self.aim = aim
-        self.clock = clock
-        self.ratio = ratio
+os.environ["VC_BUILD"] = str(BUILD)
+sys.path.insert(0, str(REPO / "tests" / "host"))
+from harness import Host  # noqa: E402
 
 
-def over(ours, *peers):
-    """Our time over that of the fastest peer."""
-    return lambda time, names: time(ours) / min(time(peer) for peer in peers)
-
-
-def mean_over(prefix, peer):
-    """The geometric mean over all benchmarks with that beginning."""
-    def ratio(time, names):
-        return statistics.geometric_mean(
-            time(name) / time(name[:-len("ours")] + peer)
-            for name in names
-            if name.startswith(prefix) and name.endswith("/ours"))
-    return ratio
-
-
-def worst_over(prefix, peer):
-    """The largest ratio of all benchmarks with that beginning."""
-    def ratio(time, names):
-        return max(time(name) / time(name[:-len("ours")] + peer)
-                   for name in names
-                   if name.startswith(prefix) and name.endswith("/ours"))
-    return ratio
-
-
-def worst_growth(time, names):
-    """The largest ratio between twice the text and once."""
-    return max(time(name) / time(name.replace("/20000/", "/10000/"))
-               for name in names
-               if name.startswith("Worst/") and name.endswith("/20000/ours"))
-
-
-def database_rows():
-    rows = []
-    for reader in ("", "/reader"):
-        bar, aim = (0.7, 0.2) if reader else (0.4, 0.15)
-        beside = ", beside a reader" if reader else ""
-        for unit in ("account", "field"):
-            rows.append(Row(
-                "database", f"100,000 accounts made{beside}",
-                f"LMDB, one transaction per {unit}", bar, aim, WALL,
-                over("Create/ours" + reader,
-                     f"Create/lmdb-{unit}{reader}")))
-        rows.append(Row(
-            "database", f"single `Set` at 100,000 accounts{beside}",
-            "LMDB, one commit each", bar, aim, WALL,
-            over("Set/ours" + reader, "Set/lmdb" + reader)))
-    rows.append(Row("database", "one account at 100,000",
-                    "ourselves at 1,000", 1.3, 1.1, CPU,
-                    over("Growth/100000", "Growth/1000")))
-    for size, shown in (("100000", "100,000"), ("1000000", "1,000,000")):
-        for kind, aim in (("hit", 0.75), ("miss", 0.4)):
-            rows.append(Row("database", f"address look-up at {shown}: {kind}",
-                            "LMDB", 1.0, aim, CPU,
-                            over(f"LookUp/{size}/{kind}/ours",
-                                 f"LookUp/{size}/{kind}/lmdb")))
-        rows.append(Row("database", f"open and first look-up at {shown}",
-                        "LMDB", 2.0, 0.6, CPU,
-                        over(f"Open/{size}/ours", f"Open/{size}/lmdb")))
-    rows.append(Row("database", "durable creation, one sync per account",
-                    "the faster of LMDB and SQLite", 1.0, 0.7, WALL,
-                    over("Durable/ours", "Durable/lmdb", "Durable/sqlite")))
-    return rows
-
-
-ROWS = [
-    Row("patterns", "the system's own patterns: hits, geometric mean",
-        "PCRE2 interpreter", 0.6, 0.35, CPU, mean_over("Hits/", "pcre2")),
-    Row("patterns", "the same, near misses", "PCRE2 interpreter", 0.6, 0.25,
-        CPU, mean_over("Misses/", "pcre2")),
-    Row("patterns", "pattern seen for the first time: compile and match",
-        "PCRE2 interpreter", 1.0, 0.5, CPU,
-        over("FirstUse/ours", "FirstUse/pcre2")),
-    Row("patterns", "worst inputs, the worst of them", "RE2", 2.0, 1.0, CPU,
-        worst_over("Worst/", "re2")),
-    Row("patterns", "twice the text of the worst inputs", "ourselves", 2.2,
-        2.2, CPU, worst_growth),
-] + database_rows()
-
-# Subject, program, least seconds of one benchmark.
-PROGRAMS = {
-    "patterns": ("patterns_bench", 0.02),
-    "database": ("database_bench", 0.1),
-}
-
-
-def run_program(subject, scratch):
-    """One round of a subject: {benchmark: {clock: nanoseconds}}."""
-    program, seconds = PROGRAMS[subject]
-    result = scratch / "result.json"
-    command = [str(BUILD / program), f"--benchmark_min_time={seconds}",
-               f"--benchmark_out={result}", "--benchmark_out_format=json"]
-    subprocess.run(command, check=True, stdout=subprocess.DEVNULL,
-                   stderr=subprocess.DEVNULL,
-                   env=dict(os.environ, VC_BENCH_DIR=str(scratch)))
+def taken(report):
+    """{benchmark: {measure: number}} of the report of a program."""
     times = {}
-    unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
-    for run in json.loads(result.read_text())["benchmarks"]:
+    for run in json.loads(report)["benchmarks"]:
         if run.get("error_occurred"):
-            sys.exit(f"{program}: {run['name']}: {run['error_message']}")
-        times[run["name"].removesuffix("/iterations:1")] = {
-            clock: run[clock] * unit[run["time_unit"]]
-            for clock in (CPU, WALL)}
+            sys.exit(f"{run['name']}: {run['error_message']}")
+        unit = NANOSECONDS[run["time_unit"]]
+        name = run["name"].removesuffix("/manual_time")
+        if "/iterations:" in name:
+            name = name[:name.index("/iterations:")]
+        times[name] = {WALL: run["real_time"] * unit,
+                       CPU: run.get("cpu_ns", run["cpu_time"] * unit),
+                       "memory": run.get("kilobytes"),
+                       "found": run.get("found")}
     return times
 
 
+def run_program(scratch, program, *arguments):
+    result = scratch / "result.json"
+    subprocess.run([str(BUILD / program), *arguments,
+                    f"--benchmark_out={result}",
+                    "--benchmark_out_format=json"],
+                   check=True, stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL,
+                   env=dict(os.environ, VC_BENCH_DIR=str(scratch)))
+    return taken(result.read_text())
+
+
+def run_patterns(scratch):
+    return run_program(scratch, "patterns_bench", "--benchmark_min_time=0.02")
+
+
+def run_database(scratch):
+    return run_program(scratch, "database_bench", "--benchmark_min_time=0.1")
+
+
+def run_lists(scratch):
+    times = run_program(scratch, "lists_bench")
+
+    def numbers(*command):
+        output = subprocess.check_output([*command, str(scratch / "lines")])
+        return map(int, output.split())
+
+    read, unique, distinct = numbers(PYTHON, str(REPO / "bench/lists_peer.py"))
+    grep, found = numbers("perl", str(REPO / "bench/lists_peer.pl"))
+    if (distinct, found) != (times["Unique/ours"]["found"],
+                             times["Grep/ours"]["found"]):
+        sys.exit("lists: the peers found something else")
+    times["Read/python"] = {CPU: read}
+    times["Unique/python"] = {CPU: unique}
+    times["Grep/perl"] = {CPU: grep}
+    return times
+
+
+def run_conversion(scratch):
+    return run_program(scratch, "conversion_bench")
+
+
+def run_memory(scratch):
+    return run_program(scratch, "conversion_bench", "--memory")
+
+
+def run_start(_):
+    with Host() as host:
+        result = "/dev/shm/start.json"
+        host.sh(f"'{BUILD}/start_bench' '{BUILD}/Install' '[yes]'"
+                f" --benchmark_out={result} --benchmark_out_format=json"
+                " >/dev/null 2>&1")
+        return taken(host.read(result))
+
+
+def run_import(_):
+    times = {}
+    for names, count in (("distinct", 1000), ("distinct", 100000),
+                         ("student", 100000)):
+        with Host() as host:
+            passed, used, made = map(float, host.sh(
+                f"{PYTHON} -I '{REPO}/bench/import_users.py'"
+                f" '{BUILD}/AddUserAccounts' {count} {names}").split())
+        if made <= count:  # root's account is made, too
+            sys.exit(f"import: {made} accounts of {count} users")
+        times[f"{names}/{count}"] = {WALL: passed, CPU: used}
+    return times
+
+
+# Subjects, and how many rounds at most: memory is the same every time.
+SUBJECTS = {
+    "patterns": (run_patterns, None),
+    "database": (run_database, None),
+    "import": (run_import, None),
+    "conversion": (run_conversion, None),
+    "memory": (run_memory, 1),
+    "lists": (run_lists, None),
+    "start": (run_start, None),
+}
+
+
 def line(row, rounds):
-    ratios = [row.ratio(lambda name, t=times: t[name][row.clock], times)
+    ratios = [row.ratio(lambda name, t=times: t[name][row.measure], times)
               for times in rounds]
     ratio = statistics.median(ratios)
     verdict = ("aim met" if ratio <= row.aim
-               else "bar met" if ratio <= row.bar else "NOT MET")
-    return (f"| {row.work} | {row.peer} | {ratio:.2f} | {min(ratios):.2f} to "
-            f"{max(ratios):.2f} | {row.bar:g} | {row.aim:g} | {verdict} |")
+               else "bar met" if ratio <= row.bar else "not met")
+    return (f"| {row.work} | {row.peer} | {row.measure} | {ratio:.2f} "
+            f"| {min(ratios):.2f}..{max(ratios):.2f} | {row.bar:g} "
+            f"| {row.aim:g} | {verdict} |")
 
 
 def machine():
@@ -162,25 +144,31 @@ def machine():
 
 
 def main():
-    parser = argparse.ArgumentParser(usage="./run-bench [--rounds N] "
-                                     "[SUBJECT...]")
+    parser = argparse.ArgumentParser(
+        usage="./run-bench [--rounds N] [SUBJECT...]",
+        epilog="Subjects: " + ", ".join(SUBJECTS))
     parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("subjects", nargs="*", choices=[*PROGRAMS, []])
+    parser.add_argument("subjects", nargs="*")
     options = parser.parse_args()
-    subjects = options.subjects or list(PROGRAMS)
+    subjects = options.subjects or list(SUBJECTS)
+    if not set(subjects) <= set(SUBJECTS):
+        parser.error("no such subject")
+    if os.geteuid() != 0 and {"import", "start"} & set(subjects):
+        parser.error("import and start need root for their throw-away hosts")
 
     rounds = {subject: [] for subject in subjects}
     with tempfile.TemporaryDirectory(prefix="vc-bench-") as scratch:
         for number in range(options.rounds):
             for subject in subjects:
-                print(f"round {number + 1} of {options.rounds}: {subject}",
-                      file=sys.stderr, flush=True)
-                rounds[subject].append(
-                    run_program(subject, pathlib.Path(scratch)))
+                run, at_most = SUBJECTS[subject]
+                if at_most is None or number < at_most:
+                    print(f"round {number + 1} of {options.rounds}: {subject}",
+                          file=sys.stderr, flush=True)
+                    rounds[subject].append(run(pathlib.Path(scratch)))
 
     print(f"{machine()}; {options.rounds} rounds\n")
-    print("| work | peer | ratio | lowest, highest | bar | aim | |")
-    print("|---|---|---|---|---|---|---|")
+    print("| work | peer | measured | ratio | of rounds | bar | aim | |")
+    print("|---|---|---|---|---|---|---|---|")
     for row in ROWS:
         if row.subject in subjects:
             print(line(row, rounds[row.subject]))
