@@ -118,7 +118,9 @@ Content LookAt(SSpoolFile* spool, char* buffer) {
 
 bool SpoolExists(const SString& spool) {
   const SActAs as_root(SActAs::Root{});
-  return PathTaken(spool);
+  // What can't be looked at is left to the opening to complain of.
+  return FileExists(spool) || (errno != ENOENT && errno != ENOTDIR &&
+                               errno != ELOOP && errno != ENAMETOOLONG);
 }
 
 // The "in" directory of the account.

@@ -96,24 +96,12 @@ void SSpoolFile::RemoveLeftLock() const {
   }
 }
 
-// The lock appears with its text or not at all where the file system can do
-// that.  Without its text it locks, too.
 bool SSpoolFile::TakeDotLock() {
-  const SString directory(path_.View().substr(0, path_.View().rfind('/') + 1));
-  const SString text = LockText(ProcessIdString());
-  const SDescriptor nameless(
-      open(directory, O_WRONLY | O_TMPFILE | O_CLOEXEC, kLockMode));
-  if (nameless.IsOpen() && WriteAll(nameless.Get(), text.View()) &&
-      linkat(nameless.Get(), "", AT_FDCWD, LockPath(), AT_EMPTY_PATH) == 0) {
-    has_dot_lock_ = true;
-    return true;
-  }
-  const SDescriptor lock(
-      open(LockPath(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-           kLockMode));
-  has_dot_lock_ = lock.IsOpen();
-  if (has_dot_lock_) {
-    static_cast<void>(WriteAll(lock.Get(), text.View()));
+  has_dot_lock_ = CreateWholeFile(LockPath(), kLockMode,
+                                  LockText(ProcessIdString()).View());
+  if (!has_dot_lock_ && errno != EEXIST) {
+    // On a full disk there may be room for a lock without text.
+    has_dot_lock_ = CreateWholeFile(LockPath(), kLockMode, "");
   }
   return has_dot_lock_;
 }
@@ -165,7 +153,7 @@ ssize_t SSpoolFile::Read(char* buffer, std::size_t size) {
 
 bool SSpoolFile::IsAtEnd() const {
   struct stat status = {};
-  return fstat(file_.Get(), &status) == 0 && status.st_size <= offset_;
+  return fstat(file_.Get(), &status) != 0 || status.st_size <= offset_;
 }
 
 SString SSpoolFile::Version() const {

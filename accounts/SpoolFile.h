@@ -31,7 +31,8 @@ class SSpoolFile {
   [[nodiscard]] ssize_t Read(char* buffer, std::size_t size);
   /// Begins again at the first byte.
   void Rewind() { offset_ = 0; }
-  /// True when there is nothing behind what was read.
+  /// True when there is nothing behind what was read, or when that can't be told
+  /// (`Remove` then fails).
   [[nodiscard]] bool IsAtEnd() const;
   /// What tells the file in this state from every other: its inode, size and
   /// time of change; "" when that can't be told.

@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::size_t kMostRead = 1U << 20;
 constexpr int kNoticeWidth = 60;
+constexpr mode_t kNoticeMode = 0644;
 
 // Up to a megabyte of a regular file.  It may have become a FIFO since the
 // first look: nothing here may wait for one.
@@ -99,11 +100,7 @@ bool HasForward(const SCandidate& user) {
 }
 
 void LeaveForwardNotice(const SCandidate& user) {
-  const SString path = user.forward + ".NOTICE";
-  SDescriptor file(
-      open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (file.IsOpen() &&
-      (!WriteAll(file.Get(), Notice().View()) || !file.Close())) {
-    RemoveFile(path);
-  }
+  // What is there stays, and what can't be made is no loss.
+  static_cast<void>(
+      CreateWholeFile(user.forward + ".NOTICE", kNoticeMode, Notice().View()));
 }

@@ -42,6 +42,13 @@ bool HasType(const SString& path, mode_t type) {
   return stat(path, &status) == 0 && (status.st_mode & S_IFMT) == type;
 }
 
+SString DirectoryOf(const SString& path) {
+  const std::size_t slash = path.View().rfind('/');
+  return slash == std::string_view::npos
+             ? SString(".")
+             : SString(path.View().substr(0, slash == 0 ? 1 : slash));
+}
+
 }  // namespace
 
 bool FileExists(const SString& path) {
@@ -158,13 +165,37 @@ bool WriteAll(int fd, std::string_view bytes) {
   return true;
 }
 
+bool CreateWholeFile(const SString& path, mode_t mode,
+                     std::string_view content) {
+  const SDescriptor nameless(
+      open(DirectoryOf(path), O_WRONLY | O_TMPFILE | O_CLOEXEC, mode));
+  if (nameless.IsOpen() && WriteAll(nameless.Get(), content)) {
+    // Without /proc a descriptor could be given a name by root only.
+    const SString descriptor = "/proc/self/fd/" + SString(nameless.Get());
+    if (linkat(AT_FDCWD, descriptor, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0) {
+      return true;
+    }
+    if (errno == EEXIST) {
+      return false;
+    }
+  }
+  SDescriptor file(
+      open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+  if (!file.IsOpen()) {
+    return false;
+  }
+  if (WriteAll(file.Get(), content) && file.Close()) {
+    return true;
+  }
+  const int cause = errno;
+  RemoveFile(path);
+  errno = cause;
+  return false;
+}
+
 bool SyncDirectoryOf(const SString& path) {
-  const std::size_t slash = path.View().rfind('/');
-  const SString directory =
-      slash == std::string_view::npos
-          ? SString(".")
-          : SString(path.View().substr(0, slash == 0 ? 1 : slash));
-  const SDescriptor opened(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const SDescriptor opened(
+      open(DirectoryOf(path), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return opened.IsOpen() && fsync(opened.Get()) == 0;
 }
 

@@ -46,6 +46,12 @@ bool RemoveFile(const SString& path);
 /// Writes all bytes to the descriptor, going on after short and interrupted
 /// writes.
 [[nodiscard]] bool WriteAll(int fd, std::string_view bytes);
+/// Makes a file that was not there with this content; `mode` less the process
+/// mask.  A process that is killed leaves it whole or not at all, on file
+/// systems that know files without a name (O_TMPFILE).  False, with nothing made,
+/// when the path is taken (EEXIST), also by a dangling link, or can't be written.
+[[nodiscard]] bool CreateWholeFile(const SString& path, mode_t mode,
+                                   std::string_view content);
 /// Waits until the directory that holds `path` is on disk (fsync), so that a
 /// name made or removed there outlives a power failure.
 [[nodiscard]] bool SyncDirectoryOf(const SString& path);

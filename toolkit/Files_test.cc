@@ -173,6 +173,24 @@ TEST_F(FilesTest, WriteAllReportsAFullDevice) {
   EXPECT_TRUE(WriteAll(full.Get(), ""));
 }
 
+TEST_F(FilesTest, AWholeFileIsMadeOnlyWhereNothingIs) {
+  const SString path = Path("whole");
+  EXPECT_TRUE(CreateWholeFile(path, 0640, "content"));
+  EXPECT_EQ("content", MapFileRead(path));
+  struct stat status = {};
+  ASSERT_EQ(0, stat(path, &status));
+  EXPECT_EQ(0640U, status.st_mode & 07777);
+  EXPECT_FALSE(CreateWholeFile(path, 0640, "other"));
+  EXPECT_EQ(EEXIST, errno);
+  EXPECT_EQ("content", MapFileRead(path));
+  std::filesystem::create_symlink("nowhere", Path("dangling").Std());
+  EXPECT_FALSE(CreateWholeFile(Path("dangling"), 0640, "x"));
+  EXPECT_EQ(EEXIST, errno);
+  EXPECT_FALSE(CreateWholeFile(Path("no/such"), 0640, "x"));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_FALSE(FileExists(Path("nowhere")));
+}
+
 TEST_F(FilesTest, DirectoriesAreSyncedByTheNamesInThem) {
   EXPECT_TRUE(SyncDirectoryOf(Path("file")));
   EXPECT_TRUE(SyncDirectoryOf("/file"));
