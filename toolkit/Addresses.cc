@@ -10,6 +10,7 @@
 #include "toolkit/Addresses.h"
 
 #include <algorithm>
+#include <array>
 #include <vector>
 
 namespace {
@@ -31,13 +32,20 @@ bool IsBlank(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-bool IsSpecial(char c) {
+constexpr bool IsSpecial(char c) {
   return std::string_view("()<>@,;:\\\".[]").find(c) != std::string_view::npos;
 }
 
+constexpr auto kIsWordByte = [] {
+  std::array<bool, 256> is_word_byte = {};
+  for (unsigned byte = 0x21; byte < is_word_byte.size(); ++byte) {
+    is_word_byte[byte] = byte != 0x7f && !IsSpecial(static_cast<char>(byte));
+  }
+  return is_word_byte;
+}();
+
 bool IsWordByte(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte > 0x20 && byte != 0x7f && !IsSpecial(c);
+  return kIsWordByte[static_cast<unsigned char>(c)];
 }
 
 // End of what `open` at `from` begins and `close` ends, a backslash hiding the
@@ -64,6 +72,18 @@ bool IsAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) {
     return static_cast<unsigned char>(c) < 0x80;
   });
+}
+
+// Words with single dots between them, as most addresses have on both sides.
+bool IsDottedWords(std::string_view text) {
+  bool in_word = false;
+  for (const char c : text) {
+    if (!IsWordByte(c) && (c != '.' || !in_word)) {
+      return false;
+    }
+    in_word = c != '.';
+  }
+  return in_word;
 }
 
 // Whether a quoted string or a literal holds what ends lines or strings.
@@ -248,6 +268,16 @@ bool Reader::ReadElement(Mailbox* mailbox, bool* good) {
 }  // namespace
 
 S821Address::S821Address(const SString& text) {
+  const std::size_t at = text.View().find('@');
+  if (at != std::string_view::npos) {
+    const std::string_view local_part = text.View().substr(0, at);
+    const std::string_view domain = text.View().substr(at + 1);
+    if (IsDottedWords(local_part) && IsDottedWords(domain) && IsAscii(domain)) {
+      local_part_ = SString(local_part);
+      domain_ = SString(domain);
+      return;
+    }
+  }
   Reader reader(text.View());
   Mailbox mailbox;
   if (reader.ReadAddress(&mailbox) && reader.AtEnd()) {

@@ -121,13 +121,12 @@ int Set(const SString& file, const SString& section, const SString& key,
   if (!database.Open(file.Std(), SDatabaseFile::Access::kCreate)) {
     return FailByErrno(file);
   }
-  SSection changed;
+  SSection changed(section);
   std::uint32_t id = database.Find(section.View());
   if ((id == SDatabaseFile::kNone && errno != 0) ||
       (id != SDatabaseFile::kNone && !database.Read(id, &changed))) {
     return FailByErrno(file);
   }
-  changed.path = section;
   changed.Set(key, values);
   if (!database.Store(changed, &id) || !database.Close()) {
     return FailByErrno(file);

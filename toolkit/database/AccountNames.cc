@@ -44,18 +44,6 @@ std::string BaseOf(std::string_view full_name) {
   return base.empty() ? "User" : base;
 }
 
-bool IsPlainFileName(std::string_view uid) {
-  if (uid.empty() || uid == "." || uid == "..") {
-    return false;
-  }
-  for (const char c : uid) {
-    if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-      return false;
-    }
-  }
-  return true;
-}
-
 // The number of buckets; 0 when mailboxes aren't spread.
 std::uint32_t BucketCount() {
   const SString text = GetEnv("MailboxBucketCount");
@@ -75,6 +63,18 @@ std::uint32_t Fnv1a(std::string_view text) {
 }
 
 }  // namespace
+
+bool IsPlainFileName(std::string_view uid) {
+  if (uid.empty() || uid == "." || uid == "..") {
+    return false;
+  }
+  for (const char c : uid) {
+    if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+      return false;
+    }
+  }
+  return true;
+}
 
 SString SAccountDB::GenerateUID(const SString& full_name) {
   State& state = *state_;

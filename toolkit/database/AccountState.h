@@ -15,6 +15,9 @@ class SAccount::Fields {
   std::uint64_t generation = 0;
 };
 
+/// True for a UID that can be a file's name.
+[[nodiscard]] bool IsPlainFileName(std::string_view uid);
+
 /// The account database's file, opened when it is there.
 class SAccountDB::State {
  public:

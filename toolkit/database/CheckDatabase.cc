@@ -109,8 +109,7 @@ class Inspector {
     switch (type) {
       case RecordType::kSection:
         if (id > sections_ ||
-            !DecodeSection(std::string_view(bytes_).substr(kRecordBody),
-                           &section)) {
+            !section.Decode(std::string_view(bytes_).substr(kRecordBody))) {
           return "record that holds no section" + At(offset_);
         }
         sections_ += id == sections_ ? 1 : 0;

@@ -249,7 +249,7 @@ bool SDatabaseFile::Follow() {
   if (!fd_.IsOpen()) {
     return !path_.empty() && Open(path_, Access::kRead);
   }
-  if (!TakeRecords(0)) {
+  if (MayHaveGrown() && !TakeRecords(0)) {
     return false;
   }
   if (!WasReplaced()) {
@@ -262,6 +262,15 @@ bool SDatabaseFile::Follow() {
   generation_ += generation;
   removals_ += removals;
   return opened;
+}
+
+// False when there surely is nothing behind the last record known.
+bool SDatabaseFile::MayHaveGrown() const {
+  char head[kSmallestRecord];
+  const ssize_t got =
+      pread(fd_.Get(), head, sizeof head, static_cast<off_t>(end_));
+  return got < 0 || (got == static_cast<ssize_t>(sizeof head) &&
+                     Get32(head + kRecordSize) != 0);
 }
 
 // True when another file is in place of this one.  A missing file is about to
@@ -277,7 +286,7 @@ bool SDatabaseFile::WasReplaced() {
          (status.st_dev != device_ || status.st_ino != inode_);
 }
 
-std::uint32_t SDatabaseFile::Find(std::string_view path) {
+std::uint32_t SDatabaseFile::Find(std::string_view path, SSection* section) {
   std::uint32_t found = kNone;
   errno = 0;
   index_.ForEach(HashOfPath(path), [&](std::uint32_t id) {
@@ -286,7 +295,11 @@ std::uint32_t SDatabaseFile::Find(std::string_view path) {
       // A removed section leaves its entry behind.
       errno = errno == ENOENT ? 0 : errno;
     } else if (SSectionCursor(body).Path() == path) {
-      found = id;
+      if (section == nullptr || section->Decode(body)) {
+        found = id;
+      } else {
+        errno = EBADMSG;
+      }
     }
     return found == kNone && errno == 0;
   });
@@ -328,7 +341,7 @@ bool SDatabaseFile::BodyHasAddress(std::string_view body,
 
 bool SDatabaseFile::Read(std::uint32_t id, SSection* section) {
   std::string_view body;
-  return ReadBody(id, &body) && (DecodeSection(body, section) || Damaged());
+  return ReadBody(id, &body) && (section->Decode(body) || Damaged());
 }
 
 bool SDatabaseFile::ReadBody(std::uint32_t id, std::string_view* body) {

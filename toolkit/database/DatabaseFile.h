@@ -53,7 +53,9 @@ class SDatabaseFile {
 
   /// Number of the section, `kNone` when there is none with exactly that path.
   /// `errno` is 0 then, EBADMSG when that can't be told because of damage.
-  [[nodiscard]] std::uint32_t Find(std::string_view path);
+  /// Fills `section` if one is given and there is one.
+  [[nodiscard]] std::uint32_t Find(std::string_view path,
+                                   SSection* section = nullptr);
   /// True when there is a section with the path, ASCII case disregarded.
   [[nodiscard]] bool HasPathInAnyCase(std::string_view path);
   /// Calls `visit(id, path)` for every section directly below "/" that has
@@ -115,6 +117,7 @@ class SDatabaseFile {
   bool TakeIn();
   bool ReadHead(const char* head);
   bool AttachIndex();
+  [[nodiscard]] bool MayHaveGrown() const;
   bool TakeRecords(std::uint64_t must_reach);
   bool TakeRecord(std::string_view record, std::uint64_t size);
   bool TakeSection(std::uint32_t id, std::string_view record);

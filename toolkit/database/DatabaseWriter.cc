@@ -103,7 +103,7 @@ bool SDatabaseFile::Store(const SSection& section, std::uint32_t* id) {
     return false;
   }
   // The sections of a new file have other numbers.
-  *id = removals == removals_ ? number : Find(section.path.View());
+  *id = removals == removals_ ? number : Find(section.Path().View());
   return *id != kNone;
 }
 

@@ -22,7 +22,8 @@ bool IsReservedInAnyCase(std::string_view uid) {
   const SLowerCaseText wanted(uid);
   return std::any_of(std::begin(kReservedUIDs), std::end(kReservedUIDs),
                      [&](std::string_view reserved) {
-                       return SLowerCaseText(reserved).View() == wanted.View();
+                       return reserved.size() == uid.size() &&
+                              SLowerCaseText(reserved).View() == wanted.View();
                      });
 }
 
@@ -73,18 +74,12 @@ bool SAccountMod::Set(const SString& field, const SStringList& values) {
   if (!state.OpenForWriting() || !state.Refresh(uid_, fields_.get())) {
     return false;
   }
-  const SStringList former = fields_->section.Get(field.View());
-  fields_->section.Set(field, values);
-  if (!state.file.Store(fields_->section, &fields_->id)) {
-    const int cause = errno;
-    if (former.Defined()) {
-      fields_->section.Set(field, former);
-    } else {
-      fields_->generation = 0;
-    }
-    errno = cause;
+  SSection changed = fields_->section;
+  changed.Set(field, values);
+  if (!state.file.Store(changed, &fields_->id)) {
     return false;
   }
+  fields_->section = std::move(changed);
   fields_->generation = state.file.Generation();
   return true;
 }
@@ -101,7 +96,7 @@ bool SAccountMod::Lock() {
   if (!state.OpenForWriting()) {
     return false;
   }
-  if (state.file.Find(fields_->section.path.View()) != SDatabaseFile::kNone) {
+  if (state.file.Find(fields_->section.Path().View()) != SDatabaseFile::kNone) {
     errno = EEXIST;
     return false;
   }
@@ -130,15 +125,12 @@ bool SAccountDB::GetAccountInfo(const SString& uid, SAccount* account) const {
   if (!IsAccountPath(PathOf(uid)) || !state_->Follow()) {
     return false;
   }
-  const std::uint32_t id = state_->file.Find(PathOf(uid));
-  if (id == SDatabaseFile::kNone) {
-    return false;
-  }
   if (account == nullptr) {
-    return true;
+    return state_->file.Find(PathOf(uid)) != SDatabaseFile::kNone;
   }
   auto fields = std::make_shared<SAccount::Fields>();
-  if (!state_->file.Read(id, &fields->section)) {
+  const std::uint32_t id = state_->file.Find(PathOf(uid), &fields->section);
+  if (id == SDatabaseFile::kNone) {
     return false;
   }
   fields->id = id;
@@ -234,20 +226,18 @@ SAccountDBMod::~SAccountDBMod() = default;
 
 bool SAccountDBMod::ModifyAccount(const SString& uid, SAccountMod* account) {
   account->database_ = nullptr;
-  if (GetMailboxSubpath(uid).IsEmpty()) {
+  if (!IsPlainFileName(uid.View())) {
     errno = EINVAL;
     return false;
   }
   if (!state_->OpenForWriting()) {
     return false;
   }
-  const std::uint32_t id = state_->file.Find(PathOf(uid));
-  if (id == SDatabaseFile::kNone && errno != 0) {
-    return false;
-  }
   auto fields = std::make_shared<SAccount::Fields>();
-  fields->section.path = SString(PathOf(uid));
-  if (id != SDatabaseFile::kNone && !state_->file.Read(id, &fields->section)) {
+  fields->section = SSection(SString(PathOf(uid)));
+  const std::uint32_t id =
+      state_->file.Find(fields->section.Path().View(), &fields->section);
+  if (id == SDatabaseFile::kNone && errno != 0) {
     return false;
   }
   fields->id = id;

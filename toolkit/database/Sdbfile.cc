@@ -51,7 +51,7 @@ bool Sdbfile::State::Open(bool for_writing) {
     errno = ENOENT;
     return false;
   }
-  return file.Store(SSection{section, {}}, &id);
+  return file.Store(SSection(section), &id);
 }
 
 Sdbfile::Sdbfile(const SString& name, int /*mode*/, const char* product)
@@ -103,7 +103,7 @@ bool Sdbfile::Set(const SString& key, const SStringList& values) {
     if (errno != 0) {
       return false;
     }
-    section.path = state_->section;
+    section = SSection(state_->section);
   } else if (!state_->file.Read(id, &section)) {
     return false;
   }

@@ -9,13 +9,18 @@ using namespace database_format;
 
 namespace {
 
-bool ComesBefore(const SSection::Key& key, std::string_view name) {
-  return key.name.View() < name;
-}
-
 void AppendText(std::string_view text, std::string* out) {
   AppendNumber(text.size(), out);
   out->append(text);
+}
+
+void AppendKey(std::string_view name, const SStringList& values,
+               std::string* out) {
+  AppendText(name, out);
+  AppendNumber(static_cast<std::uint64_t>(values.Count()), out);
+  for (const SString& value : values) {
+    AppendText(value.View(), out);
+  }
 }
 
 std::size_t BeginRecord(RecordType type, std::uint32_t id,
@@ -31,30 +36,85 @@ std::size_t BeginRecord(RecordType type, std::uint32_t id,
 }  // namespace
 
 SStringList SSection::Get(std::string_view name) const {
-  const auto found =
-      std::lower_bound(keys.begin(), keys.end(), name, ComesBefore);
-  return found != keys.end() && found->name.View() == name ? found->values
-                                                           : SStringList();
+  SStringList values;
+  SSectionCursor cursor(keys_, key_count_);
+  std::string_view text;
+  while (cursor.NextKey(&text) && text <= name) {
+    if (text == name) {
+      values.SetDefined();
+      while (cursor.NextValue(&text)) {
+        values.Push(SString(text));
+      }
+      break;
+    }
+  }
+  return values;
 }
 
 void SSection::Set(const SString& name, const SStringList& values) {
-  auto found =
-      std::lower_bound(keys.begin(), keys.end(), name.View(), ComesBefore);
-  if (found == keys.end() || !(found->name == name)) {
-    found = keys.insert(found, Key{name, {}});
+  SSectionCursor cursor(keys_, key_count_);
+  std::size_t begin = 0;
+  std::size_t end = 0;
+  std::string_view text;
+  while (cursor.NextKey(&text) && text <= name.View()) {
+    const bool is_former = text == name.View();
+    cursor.SkipValues();
+    end = keys_.size() - cursor.Rest().size();
+    if (is_former) {
+      break;
+    }
+    begin = end;
   }
-  found->values = values;
-  found->values.SetDefined();
+  std::string key;
+  AppendKey(name.View(), values, &key);
+  key_count_ += begin == end ? 1 : 0;
+  keys_.replace(begin, end - begin, key);
+}
+
+void SSection::Append(const SString& name, const SStringList& values) {
+  AppendKey(name.View(), values, &keys_);
+  ++key_count_;
+}
+
+bool SSection::Decode(std::string_view body) {
+  SSectionCursor cursor(body);
+  const std::string_view keys = cursor.Rest();
+  path_ = SString(cursor.Path());
+  key_count_ = cursor.KeysLeft();
+  std::string_view former;
+  std::string_view name;
+  while (cursor.NextKey(&name)) {
+    if (cursor.KeysLeft() + 1 < key_count_ && name <= former) {
+      return false;
+    }
+    former = name;
+    cursor.SkipValues();
+  }
+  keys_ = keys.substr(0, keys.size() - cursor.Rest().size());
+  return cursor.AtEnd();
+}
+
+void SSection::AppendBody(std::string* out) const {
+  AppendText(path_.View(), out);
+  AppendNumber(key_count_, out);
+  out->append(keys_);
 }
 
 SSectionCursor::SSectionCursor(std::string_view body) : rest_(body) {
   sound_ = TakeText(&rest_, &path_) && TakeNumber(&rest_, &keys_left_);
 }
 
-bool SSectionCursor::NextKey(std::string_view* name) {
+SSectionCursor::SSectionCursor(std::string_view keys, std::uint32_t key_count)
+    : sound_(true), rest_(keys), keys_left_(key_count) {}
+
+void SSectionCursor::SkipValues() {
   std::string_view passed;
   while (NextValue(&passed)) {
   }
+}
+
+bool SSectionCursor::NextKey(std::string_view* name) {
+  SkipValues();
   if (!sound_ || keys_left_ == 0) {
     return false;
   }
@@ -79,40 +139,11 @@ bool SSectionCursor::AtEnd() const {
                      [](char byte) { return byte == '\0'; });
 }
 
-bool DecodeSection(std::string_view body, SSection* section) {
-  SSectionCursor cursor(body);
-  section->path = SString(cursor.Path());
-  section->keys.clear();
-  std::string_view text;
-  while (cursor.NextKey(&text)) {
-    SSection::Key& key = section->keys.emplace_back();
-    key.name = SString(text);
-    key.values.SetDefined();
-    while (cursor.NextValue(&text)) {
-      key.values.Push(SString(text));
-    }
-  }
-  const auto out_of_order = [](const SSection::Key& a, const SSection::Key& b) {
-    return !(a.name < b.name);
-  };
-  return cursor.AtEnd() &&
-         std::adjacent_find(section->keys.begin(), section->keys.end(),
-                            out_of_order) == section->keys.end();
-}
-
 void AppendSectionRecord(std::uint32_t id, const SSection& section,
                          std::uint32_t previous, std::string* out) {
   const std::size_t start =
       BeginRecord(RecordType::kSection, id, previous, out);
-  AppendText(section.path.View(), out);
-  AppendNumber(section.keys.size(), out);
-  for (const SSection::Key& key : section.keys) {
-    AppendText(key.name.View(), out);
-    AppendNumber(static_cast<std::uint64_t>(key.values.Count()), out);
-    for (const SString& value : key.values) {
-      AppendText(value.View(), out);
-    }
-  }
+  section.AppendBody(out);
   FinishRecord(start, out);
 }
 

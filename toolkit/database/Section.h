@@ -3,27 +3,36 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "toolkit/SStringList.h"
 #include "toolkit/database/Format.h"
 
 /// A section of a database: its path and its keys, sorted by bytes, each with
-/// its list of values.
-struct SSection {
-  struct Key {
-    SString name;
-    SStringList values;
-  };
+/// its list of values.  The keys are held as they lie in a record, so that
+/// reading and storing copy them in one piece.
+class SSection {
+ public:
+  SSection() = default;
+  explicit SSection(const SString& path) : path_(path) {}
 
-  SString path;
-  std::vector<Key> keys;
-
+  [[nodiscard]] const SString& Path() const { return path_; }
   /// The values of the key; undefined when there is no such key, defined when
   /// there is, though the list may be empty.
   [[nodiscard]] SStringList Get(std::string_view name) const;
-  /// Replaces the values of the key.
+  /// Replaces the values of the key.  Takes time for all keys.
   void Set(const SString& name, const SStringList& values);
+  /// The same for a key that comes behind all others.
+  void Append(const SString& name, const SStringList& values);
+
+  /// Takes over the body of a record; false when it isn't a section's.
+  [[nodiscard]] bool Decode(std::string_view body);
+  /// Appends the body of a record, without padding.
+  void AppendBody(std::string* out) const;
+
+ private:
+  SString path_;
+  std::uint32_t key_count_ = 0;
+  std::string keys_;
 };
 
 /// Walks through the body of a section record without copying it.
@@ -31,16 +40,23 @@ class SSectionCursor {
  public:
   /// `body` is what follows `kRecordBody` in the record.
   explicit SSectionCursor(std::string_view body);
+  /// `keys` are so many keys without a path before them.
+  SSectionCursor(std::string_view keys, std::uint32_t key_count);
 
   /// False when the body isn't what a section's body looks like, as far as it
   /// was walked through.
   [[nodiscard]] bool IsSound() const { return sound_; }
   [[nodiscard]] std::string_view Path() const { return path_; }
+  /// What was not walked through yet.
+  [[nodiscard]] std::string_view Rest() const { return rest_; }
+  [[nodiscard]] std::uint32_t KeysLeft() const { return keys_left_; }
   /// Goes on to the next key, past values that weren't looked at; false after
   /// the last.
   bool NextKey(std::string_view* name);
   /// The next value of the key; false after its last.
   bool NextValue(std::string_view* value);
+  /// Goes past the values of the key that weren't looked at.
+  void SkipValues();
   /// True when only padding is left.
   [[nodiscard]] bool AtEnd() const;
 
@@ -51,9 +67,6 @@ class SSectionCursor {
   std::uint32_t keys_left_ = 0;
   std::uint32_t values_left_ = 0;
 };
-
-/// The section of a record's body; false when it isn't one.
-[[nodiscard]] bool DecodeSection(std::string_view body, SSection* section);
 
 /// Appends the record of a section to `out`, chained to the record before.
 void AppendSectionRecord(std::uint32_t id, const SSection& section,

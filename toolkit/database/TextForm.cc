@@ -70,12 +70,11 @@ class TextReader {
 
   // To be called after the last line.
   void Finish() {
-    if (section_.path.IsEmpty()) {
+    if (section_.Path().IsEmpty()) {
       return;
     }
     for (const auto& [name, values] : keys_) {
-      section_.keys.push_back({SString(std::string_view(name)), values});
-      section_.keys.back().values.SetDefined();
+      section_.Append(SString(std::string_view(name)), values);
     }
     sections_->push_back(std::move(section_));
     section_ = SSection();
@@ -88,12 +87,12 @@ class TextReader {
     if (!paths_.insert(path).second) {
       return "section given twice";
     }
-    section_.path = SString(std::string_view(path));
+    section_ = SSection(SString(std::string_view(path)));
     values_ = nullptr;
     return nullptr;
   }
   const char* TakeKey(const std::string& key) {
-    if (section_.path.IsEmpty()) {
+    if (section_.Path().IsEmpty()) {
       return "key outside of a section";
     }
     if (key.empty()) {
@@ -156,18 +155,25 @@ bool DatabaseAsText(SDatabaseFile* file, std::string* text) {
       return false;
     }
   }
-  SSection section;
   for (const auto& [path, id] : in_order) {
-    if (!file->Read(id, &section)) {
+    std::string_view body;
+    if (!file->ReadBody(id, &body)) {
       return false;
     }
     *text += EscapeText(path, false) + "\n";
-    for (const SSection::Key& key : section.keys) {
-      *text += EscapeText(key.name.View(), true) + "\n";
-      for (const SString& value : key.values) {
+    SSectionCursor cursor(body);
+    std::string_view key;
+    while (cursor.NextKey(&key)) {
+      *text += EscapeText(key, true) + "\n";
+      std::string_view value;
+      while (cursor.NextValue(&value)) {
         text->push_back('\t');
-        *text += EscapeText(value.View(), false) + "\n";
+        *text += EscapeText(value, false) + "\n";
       }
+    }
+    if (!cursor.AtEnd()) {
+      errno = EBADMSG;
+      return false;
     }
   }
   return true;
