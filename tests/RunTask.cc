@@ -1,19 +1,22 @@
-// Runs one task on its own, after the program's real start-up.
+// Runs one task, or some, on their own, after the program's real start-up.
 //
-//   run_task NAME [ADDRESS]
+//   run_task NAME[+NAME]... [ADDRESS]
 //
 // As `Install` does it, less the header: root check, signals, settings, identity
-// of the mail owner, `Initialize`; then the task.  Status 0 or 255 as the task
-// returned true or false, 2 for wrong usage.  What tasks leave to each other is
-// written to the file that the environment variable VC_TASK_STATE names:
+// of the mail owner, `Initialize`; then the tasks to the first that returns
+// false.  Status 0 or 255 as the last one returned true or false, 2 for wrong
+// usage.  What tasks leave to each other is written to the file that the
+// environment variable VC_TASK_STATE names:
 //
 //   {"reminders": [...], "show_stoppers": 0, "running": 0, "www_port": 80}
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "driver/FullInstall.h"
 #include "driver/Initialize.h"
@@ -48,8 +51,20 @@ const SInstallTask* FindTask(const SString& name) {
   return nullptr;
 }
 
+// Empty when one of them is unknown.
+std::vector<const SInstallTask*> FindTasks(const SString& names) {
+  std::vector<const SInstallTask*> tasks;
+  for (const SString& name : names.SplitExact("+", 0)) {
+    tasks.push_back(FindTask(name));
+    if (tasks.back() == nullptr) {
+      return {};
+    }
+  }
+  return tasks;
+}
+
 int ExplainUsage() {
-  std::string text = "usage: run_task NAME [ADDRESS], NAME one of";
+  std::string text = "usage: run_task NAME[+NAME]... [ADDRESS], NAME one of";
   for (const SInstallTask& task : kOtherTasks) {
     text += std::string(" ") + task.name;
   }
@@ -104,8 +119,8 @@ SDescriptor OpenStateFile() {
 int main(int /*argc*/, char** argv) {
   SStringList arguments(argv);
   const RunMode mode = RunModeOf(arguments.Shift());
-  const SInstallTask* task = FindTask(arguments.Shift());
-  if (task == nullptr) {
+  const std::vector<const SInstallTask*> tasks = FindTasks(arguments.Shift());
+  if (tasks.empty()) {
     return ExplainUsage();
   }
   if (!PrepareProcess(mode)) {
@@ -116,7 +131,8 @@ int main(int /*argc*/, char** argv) {
     return kFailed;
   }
   Initialize();
-  const bool go_on = task->run();
+  const bool go_on = std::all_of(tasks.begin(), tasks.end(),
+                                 [](const auto* task) { return task->run(); });
   if (state.IsOpen() && !WriteAll(state.Get(), State())) {
     return kFailed;
   }
