@@ -243,10 +243,11 @@ bool Reader::ReadAddress(Mailbox* mailbox) {
 }
 
 bool Reader::ReadElement(Mailbox* mailbox, bool* good) {
-  if (Take(',') || (in_group_ && Now().Is(';'))) {
-    if (Take(';')) {
-      in_group_ = false;
-    }
+  if (Take(',')) {
+    return false;
+  }
+  if (in_group_ && Take(';')) {
+    in_group_ = false;
     return false;
   }
   if (!in_group_ && PhraseLeadsTo(':')) {

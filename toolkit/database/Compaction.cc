@@ -26,16 +26,15 @@ bool IsSameFile(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-// Locks the open file `temporary`; EWOULDBLOCK when a living process is at work
-// there, or when it isn't the one of that name any more.
-bool LockTemporary(int fd, const std::string& temporary) {
+// Locks the open file, which must still have the name; EWOULDBLOCK when it has
+// another, or when a living process is at work there.
+bool LockUnderName(int fd, const std::string& name) {
   struct stat opened = {};
   struct stat in_place = {};
   if (flock(fd, LOCK_EX | LOCK_NB) != 0 || fstat(fd, &opened) != 0) {
     return false;
   }
-  if (lstat(temporary.c_str(), &in_place) != 0 ||
-      !IsSameFile(opened, in_place)) {
+  if (lstat(name.c_str(), &in_place) != 0 || !IsSameFile(opened, in_place)) {
     errno = EWOULDBLOCK;
     return false;
   }
@@ -56,7 +55,7 @@ bool RemoveLeftOver(const std::string& path, const std::string& temporary) {
       (lstat(path.c_str(), &in_place) != 0 || !IsSameFile(left, in_place))) {
     fd = SDescriptor(open(temporary.c_str(),
                           O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (fd.IsOpen() && !LockTemporary(fd.Get(), temporary)) {
+    if (fd.IsOpen() && !LockUnderName(fd.Get(), temporary)) {
       return false;
     }
   }
@@ -104,11 +103,11 @@ bool SDatabaseFile::Begin(const std::string& path) {
     errno = errno == EEXIST ? EWOULDBLOCK : errno;
     return false;
   }
-  if (!LockTemporary(fd_.Get(), temporary)) {
-    return false;
-  }
   temporary_ = temporary;
   writes_ = true;
+  if (!LockUnderName(fd_.Get(), temporary)) {
+    return false;
+  }
   // The mode is what it is, whatever the mask of the process.
   if (fchmod(fd_.Get(), kFileMode) != 0) {
     return false;
@@ -151,6 +150,17 @@ bool SDatabaseFile::FlushNew() {
   return written;
 }
 
+// Removes the new file that won't be put in place.
+void SDatabaseFile::RemoveUnfinished() {
+  const int cause = errno;
+  if (!temporary_.empty() && LockUnderName(fd_.Get(), temporary_)) {
+    unlink(temporary_.c_str());
+  }
+  temporary_.clear();
+  pending_.clear();
+  errno = cause;
+}
+
 bool SDatabaseFile::Install(SDatabaseFile* former) {
   const SHoldSignals hold;
   if (!FlushNew() || !SaveIndex() ||
@@ -163,8 +173,12 @@ bool SDatabaseFile::Install(SDatabaseFile* former) {
   }
   file_size_ = end_;
   // All of it must be on disk before it takes the place of what is.
-  if ((synced_end_ != end_ && !SyncData()) || fdatasync(fd_.Get()) != 0 ||
-      !LockTemporary(fd_.Get(), temporary_)) {
+  if ((synced_end_ != end_ && !SyncData()) || fdatasync(fd_.Get()) != 0) {
+    return false;
+  }
+  // A file that was renamed while it was written isn't brought back.
+  if (!LockUnderName(fd_.Get(), temporary_) ||
+      (former != nullptr && !LockUnderName(former->fd_.Get(), path_))) {
     return false;
   }
   const bool renamed = former != nullptr

@@ -408,6 +408,7 @@ bool SDatabaseFile::LoadBlocks(std::uint64_t offset, std::uint64_t size) {
 
 // Closes without storing anything.
 void SDatabaseFile::Forget() {
+  RemoveUnfinished();
   fd_ = SDescriptor();
   kept_.reset();
   kept_blocks_.clear();

@@ -146,6 +146,7 @@ class SDatabaseFile {
   // Compaction.cc
   bool WriteHead();
   bool FlushNew();
+  void RemoveUnfinished();
   void Adopt(SDatabaseFile* other);
 
   std::string path_;

@@ -35,11 +35,10 @@ std::int64_t Milliseconds() {
 }  // namespace
 
 SDatabaseFile::~SDatabaseFile() {
-  if (!temporary_.empty()) {
-    unlink(temporary_.c_str());
-  } else if (writes_) {
+  if (writes_ && temporary_.empty()) {
     Close();
   }
+  Forget();
 }
 
 bool SDatabaseFile::OpenWriter(Access access) {
@@ -65,6 +64,7 @@ bool SDatabaseFile::OpenWriter(Access access) {
     if (errno != EWOULDBLOCK && errno != EEXIST) {
       return false;
     }
+    RemoveUnfinished();
     nanosleep(&kBetweenTries, nullptr);
   }
   errno = EWOULDBLOCK;
@@ -91,6 +91,8 @@ bool SDatabaseFile::LockFile() {
     return false;
   }
   file_size_ = static_cast<std::uint64_t>(opened.st_size);
+  tail_cleared_ = false;
+  sync_error_ = 0;
   return true;
 }
 
@@ -139,8 +141,9 @@ bool SDatabaseFile::AppendRecord() {
     // Only saves space; what can't be done now is tried again at the end.
     compaction_failed_ = !Compact();
   }
-  if (Milliseconds() - synced_at_ >= 1000 && !SyncData()) {
-    sync_error_ = errno;
+  if (Milliseconds() - synced_at_ >= 1000) {
+    // A failure is told when the database is closed.
+    (void)SyncData();
   }
   return true;
 }
@@ -198,7 +201,13 @@ bool SDatabaseFile::WriteAt(std::string_view bytes, std::uint64_t offset) {
 bool SDatabaseFile::SyncData() {
   const SHoldSignals hold;
   synced_at_ = Milliseconds();
-  if (fdatasync(fd_.Get()) != 0) {
+  // After a failure the system may have dropped what it couldn't write, and
+  // call the next attempt a success.
+  if (sync_error_ == 0 && fdatasync(fd_.Get()) != 0) {
+    sync_error_ = errno;
+  }
+  if (sync_error_ != 0) {
+    errno = sync_error_;
     return false;
   }
   synced_end_ = end_;
@@ -231,11 +240,10 @@ bool SDatabaseFile::Sync() {
     errno = EBADMSG;
     return false;
   }
-  if (synced_end_ != end_ && !SyncData()) {
-    sync_error_ = errno;
+  if (synced_end_ != end_ || sync_error_ != 0) {
+    return SyncData();
   }
-  errno = sync_error_;
-  return sync_error_ == 0;
+  return true;
 }
 
 // The index goes into the file when what it lacks would take long to read.  Its
