@@ -151,8 +151,7 @@ TEST_F(DatabaseFilesTest, TheBytesAreThoseOfThePageOnEveryArchitecture) {
 
   // Made anew it differs only by the salt and the checksums over it.
   {
-    SSection section;
-    section.path = "/Config";
+    SSection section("/Config");
     section.Set("WWWAccess", SStringList());
     section.Set("EmailConfig", "yes");
     SDatabaseFile file;
