@@ -46,9 +46,32 @@ inline void AppendNumber(std::uint64_t number, std::string* out) {
   out->push_back(static_cast<char>(number));
 }
 
+/// The bytes that such a number takes.
+inline std::size_t SizeOfNumber(std::uint64_t number) {
+  std::size_t size = 1;
+  for (; number >= 0x80; number >>= 7) {
+    ++size;
+  }
+  return size;
+}
+
+/// Writes such a number; returns the place behind it.
+inline char* PutNumber(char* at, std::uint64_t number) {
+  for (; number >= 0x80; number >>= 7) {
+    *at++ = static_cast<char>(number | 0x80);
+  }
+  *at++ = static_cast<char>(number);
+  return at;
+}
+
 /// Takes such a number of at most 32 bits from the front of `bytes`; false when
 /// there is none.
 inline bool TakeNumber(std::string_view* bytes, std::uint32_t* number) {
+  if (!bytes->empty() && static_cast<unsigned char>(bytes->front()) < 0x80) {
+    *number = static_cast<unsigned char>(bytes->front());
+    bytes->remove_prefix(1);
+    return true;
+  }
   std::uint64_t value = 0;
   for (unsigned shift = 0; shift < 35 && !bytes->empty(); shift += 7) {
     const auto byte = static_cast<unsigned char>(bytes->front());

@@ -1,7 +1,6 @@
 #include "toolkit/database/DatabaseFile.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,10 +37,6 @@ bool SectorIsSound(const char* sector) {
 }
 
 }  // namespace
-
-void SUnmap::operator()(char* memory) const {
-  munmap(memory, size);
-}
 
 bool SDatabaseFile::Open(const std::string& path, Access access) {
   Forget();
@@ -134,7 +129,7 @@ bool SDatabaseFile::AttachIndex() {
 // whole is the end: one that is being written, or that a kill or a power
 // failure has cut; before `must_reach` it is damage.
 bool SDatabaseFile::TakeRecords(std::uint64_t must_reach) {
-  std::size_t wanted = must_reach == 0 ? kSmallestRecord : kReadAhead;
+  std::size_t wanted = end_ >= must_reach ? kSmallestRecord : kReadAhead;
   std::string buffer;
   std::size_t at = 0;
   for (;;) {
@@ -372,11 +367,8 @@ bool SDatabaseFile::ReadAt(std::uint64_t offset, std::uint64_t size,
     const std::uint64_t room =
         std::min(kMostKept, std::max<std::uint64_t>(end_ * 4, 1U << 20));
     const std::size_t rounded = room / kBlockSize * kBlockSize;
-    void* memory = mmap(nullptr, rounded, PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (memory != MAP_FAILED) {
-      kept_ = std::unique_ptr<char, SUnmap>(static_cast<char*>(memory),
-                                            SUnmap{rounded});
+    kept_ = MakeZeros(rounded);
+    if (kept_ != nullptr) {
       kept_blocks_.assign(rounded / kBlockSize, false);
     }
   }

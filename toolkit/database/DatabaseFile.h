@@ -11,12 +11,7 @@
 #include "toolkit/Files.h"
 #include "toolkit/database/Index.h"
 #include "toolkit/database/Section.h"
-
-/// Gives back anonymous memory of `size` bytes.
-struct SUnmap {
-  std::size_t size = 0;
-  void operator()(char* memory) const;
-};
+#include "toolkit/database/Zeros.h"
 
 /// One database file: sections found by path and by address, each change one
 /// record appended in one write.  docs/database.md tells layout and reasons.
@@ -169,7 +164,7 @@ class SDatabaseFile {
   std::int64_t looked_at_path_ = 0;
 
   // Reading: whole blocks of stored records never change and are kept.
-  std::unique_ptr<char, SUnmap> kept_;
+  SZeros kept_;
   std::vector<bool> kept_blocks_;
   std::string scratch_;
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "toolkit/database/Bytes.h"
 #include "toolkit/database/Crc32c.h"
@@ -18,19 +19,19 @@ std::uint64_t BlocksFor(std::uint64_t words) {
   return (words + kWordsInBlock - 1) / kWordsInBlock;
 }
 
-std::uint64_t* Allocate(std::uint64_t words) {
-  void* memory = std::calloc(words, sizeof(std::uint64_t));
-  if (memory == nullptr) {
+}  // namespace
+
+void SWordArray::Allocate() {
+  memory_ = MakeZeros(capacity_ * sizeof(std::uint64_t));
+  if (memory_ == nullptr) {
     std::abort();
   }
-  return static_cast<std::uint64_t*>(memory);
+  words_ = reinterpret_cast<std::uint64_t*>(memory_.get());
 }
-
-}  // namespace
 
 void SWordArray::Reset(std::uint64_t size) {
   capacity_ = std::max<std::uint64_t>(size, 16);
-  words_.reset(Allocate(capacity_));
+  Allocate();
   size_ = size;
   on_disk_ = 0;
   loaded_.clear();
@@ -63,7 +64,7 @@ void SWordArray::LoadBlock(std::uint64_t block) {
   const std::uint64_t first = block * kWordsInBlock;
   const std::uint64_t last = std::min(first + kWordsInBlock, on_disk_);
   for (std::uint64_t i = first; i < last; ++i) {
-    words_.get()[i] = Get64(bytes + (i - first) * 8);
+    words_[i] = Get64(bytes + (i - first) * 8);
   }
 }
 
@@ -72,17 +73,18 @@ void SWordArray::Reserve(std::uint64_t capacity) {
     Load(block * kWordsInBlock);
   }
   on_disk_ = 0;
-  std::uint64_t* words = Allocate(capacity);
-  std::copy_n(words_.get(), size_, words);
-  words_.reset(words);
+  const SZeros former = std::move(memory_);
+  const std::uint64_t* former_words = words_;
   capacity_ = capacity;
+  Allocate();
+  std::copy_n(former_words, size_, words_);
 }
 
 void SWordArray::Push(std::uint64_t word) {
   if (size_ == capacity_) {
     Reserve(capacity_ * 2);
   }
-  words_.get()[size_++] = word;
+  words_[size_++] = word;
 }
 
 void SWordArray::AppendBlocks(std::uint32_t seed, std::string* out) {

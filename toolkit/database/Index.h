@@ -1,13 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "toolkit/database/Format.h"
+#include "toolkit/database/Zeros.h"
 
 /// An array of 64-bit words in memory whose first part may still be on disk: a
 /// block of it is read and verified when one of its words is first asked for.
@@ -27,11 +26,11 @@ class SWordArray {
   [[nodiscard]] std::uint64_t Size() const { return size_; }
   [[nodiscard]] std::uint64_t Get(std::uint64_t i) {
     Load(i);
-    return words_.get()[i];
+    return words_[i];
   }
   void Set(std::uint64_t i, std::uint64_t word) {
     Load(i);
-    words_.get()[i] = word;
+    words_[i] = word;
   }
   void Push(std::uint64_t word);
   /// True when a block on disk was not what it should be; its words are zeros.
@@ -40,10 +39,6 @@ class SWordArray {
   void AppendBlocks(std::uint32_t seed, std::string* out);
 
  private:
-  struct Free {
-    void operator()(std::uint64_t* words) const { std::free(words); }
-  };
-
   void Load(std::uint64_t i) {
     if (i < on_disk_ && !loaded_[i / database_format::kWordsInBlock])
         [[unlikely]] {
@@ -51,10 +46,11 @@ class SWordArray {
     }
   }
   void LoadBlock(std::uint64_t block);
+  void Allocate();
   void Reserve(std::uint64_t capacity);
 
-  // From calloc: memory that is never touched is never there.
-  std::unique_ptr<std::uint64_t, Free> words_;
+  SZeros memory_;
+  std::uint64_t* words_ = nullptr;
   std::uint64_t size_ = 0;
   std::uint64_t capacity_ = 0;
   std::uint64_t on_disk_ = 0;

@@ -143,12 +143,16 @@ SString SAccountDB::GetAccountUID(const S821Address& address) const {
   if (address.IsNull() || !address.Route().IsEmpty() || !state_->Follow()) {
     return {};
   }
-  const SString text = address.Text();
+  const std::string_view local_part = address.LocalPart().View();
+  const std::string_view domain = address.Domain().View();
+  std::string text;
+  text.reserve(local_part.size() + 1 + domain.size());
+  text.append(local_part).append(domain.empty() ? "" : "@").append(domain);
   std::uint32_t found = SDatabaseFile::kNone;
   bool is_reserved = false;
   SString uid;
   state_->file.ForEachWithAddress(
-      SLowerCaseText(text.View()).View(),
+      SLowerCaseText(text).View(),
       [&](std::uint32_t id, std::string_view path) {
         const bool reserved = IsReserved(path.substr(1));
         if (reserved == is_reserved ? id < found : reserved) {

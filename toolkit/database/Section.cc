@@ -9,17 +9,37 @@ using namespace database_format;
 
 namespace {
 
+// Room for the keys of most accounts.
+constexpr std::size_t kUsualSize = 400;
+
 void AppendText(std::string_view text, std::string* out) {
   AppendNumber(text.size(), out);
   out->append(text);
 }
 
-void AppendKey(std::string_view name, const SStringList& values,
-               std::string* out) {
-  AppendText(name, out);
-  AppendNumber(static_cast<std::uint64_t>(values.Count()), out);
+std::size_t SizeOfText(std::string_view text) {
+  return SizeOfNumber(text.size()) + text.size();
+}
+
+char* PutText(char* at, std::string_view text) {
+  at = PutNumber(at, text.size());
+  return std::copy(text.begin(), text.end(), at);
+}
+
+std::size_t SizeOfKey(std::string_view name, const SStringList& values) {
+  std::size_t size = SizeOfText(name) +
+                     SizeOfNumber(static_cast<std::uint64_t>(values.Count()));
   for (const SString& value : values) {
-    AppendText(value.View(), out);
+    size += SizeOfText(value.View());
+  }
+  return size;
+}
+
+void PutKey(char* at, std::string_view name, const SStringList& values) {
+  at = PutText(at, name);
+  at = PutNumber(at, static_cast<std::uint64_t>(values.Count()));
+  for (const SString& value : values) {
+    at = PutText(at, value.View());
   }
 }
 
@@ -39,7 +59,7 @@ SStringList SSection::Get(std::string_view name) const {
   SStringList values;
   SSectionCursor cursor(keys_, key_count_);
   std::string_view text;
-  while (cursor.NextKey(&text) && text <= name) {
+  while (cursor.NextKey(&text)) {
     if (text == name) {
       values.SetDefined();
       while (cursor.NextValue(&text)) {
@@ -56,23 +76,25 @@ void SSection::Set(const SString& name, const SStringList& values) {
   std::size_t begin = 0;
   std::size_t end = 0;
   std::string_view text;
-  while (cursor.NextKey(&text) && text <= name.View()) {
-    const bool is_former = text == name.View();
-    cursor.SkipValues();
-    end = keys_.size() - cursor.Rest().size();
-    if (is_former) {
-      break;
+  for (int order = -1; order < 0 && cursor.NextKey(&text);) {
+    order = text.compare(name.View());
+    if (order <= 0) {
+      cursor.SkipValues();
+      end = keys_.size() - cursor.Rest().size();
+      begin = order < 0 ? end : begin;
     }
-    begin = end;
   }
-  std::string key;
-  AppendKey(name.View(), values, &key);
+  const std::size_t size = SizeOfKey(name.View(), values);
+  keys_.reserve(kUsualSize);
   key_count_ += begin == end ? 1 : 0;
-  keys_.replace(begin, end - begin, key);
+  keys_.replace(begin, end - begin, size, '\0');
+  PutKey(keys_.data() + begin, name.View(), values);
 }
 
 void SSection::Append(const SString& name, const SStringList& values) {
-  AppendKey(name.View(), values, &keys_);
+  const std::size_t begin = keys_.size();
+  keys_.resize(begin + SizeOfKey(name.View(), values));
+  PutKey(keys_.data() + begin, name.View(), values);
   ++key_count_;
 }
 
