@@ -46,6 +46,12 @@ def calls_of(host):
     return calls
 
 
+def numbered(calls, first=1):
+    """[(number, call)] without those that the harness makes."""
+    return [(at, call) for at, call in enumerate(calls, 1)
+            if at >= first and not call[1].startswith("/dev/shm/")]
+
+
 def place_of_the_mail(host, where):
     """"spool", "mailbox" or "both"; each is whole, and so is the account."""
     has_spool = host.exists("/var/mail/ann")
@@ -70,7 +76,7 @@ def test_whatever_kills_the_import_a_second_run_ends_it(host, mode):
     calls = calls_of(host)
     locked = 1 + max(at for at, (name, path) in enumerate(calls)
                      if name == "linkat" and path.startswith("/var/mail/"))
-    for at, call in enumerate(calls, 1):
+    for at, call in numbered(calls):
         # How the database's head is written no kill can tear.
         if mode == "torn" and call[0] != "write":
             continue
@@ -96,13 +102,16 @@ def test_whatever_kills_the_import_a_second_run_ends_it(host, mode):
 def test_whatever_fails_the_mail_is_in_one_place_and_truly_told_of(host):
     errors = ("ENOSPC", "EIO", "EACCES")
     calls = calls_of(host)
-    for at, call in enumerate(calls, 1):
+    for at, call in numbered(calls):
         for error in errors if IS_LONG else errors[at % 3:at % 3 + 1]:
             where = f"{error} at {at}, {call}"
             done = import_ann(host, environment("fail", at, paths=PATHS,
                                                 errno=error))
             place = place_of_the_mail(host, where)
             text = done.text
+            if "WARNING: couldn't open /tmp/pw" in text:
+                assert place == "spool" and call[1] == "/tmp/pw", where
+                continue
             if done.status == 255 and text.endswith("\n\nExiting.\n\n"):
                 assert place == "spool" and "Accounts" in call[1], where
                 continue
@@ -132,9 +141,9 @@ def test_signals_wait_for_the_user_in_hand(host):
     end = max(at for at, (_, path) in enumerate(calls, 1)
               if path.startswith("/var/mail/ann"))
     note = b"\nPlease wait until I'm finished with this.\n\n"
-    for at in range(begin, len(calls) + 1):
+    for at, call in numbered(calls, begin):
         number = (1, 2, 3, 15)[at % 4]
-        where = f"signal {number} at {at}, {calls[at - 1]}"
+        where = f"signal {number} at {at}, {call}"
         done = import_ann(host, environment("signal", at, paths=PATHS,
                                             signal=number))
         if IS_LONG and note not in done.output:

@@ -170,6 +170,106 @@ def test_hostile_homes_give_nothing_away_and_hold_nothing_up(host):
     assert b"fay@" not in queued(run)["AC-Control"]
 
 
+def test_whatever_stands_for_a_plan_or_notice_is_survived(host):
+    makers = {
+        "dir": "mkdir .plan .project .forward",
+        "sparse": "truncate -s 1T .plan",
+        "null": "ln -s /dev/null .plan; ln -s /dev/full .forward.NOTICE; "
+                "touch .forward",
+        "loop": "ln -s .plan .plan; ln -s .forward .forward",
+        "ours": "ln -s /opt/vellumcraft/config/secret .plan",
+        "noticedir": "touch .forward; mkdir .forward.NOTICE",
+        "noticefifo": "touch .forward; mkfifo .forward.NOTICE",
+        "full": "mount -t tmpfs -o size=8k,mode=777 none .; cd /home/full; "
+                "touch .forward; "
+                "head -c 8k /dev/zero > filler 2>/dev/null || :",
+        "frozen": "touch .forward; chown root .; chmod 755 .",
+    }
+    host.write("/opt/vellumcraft/config/secret", "secret\n", 0o640, 950, 950)
+    for number, (login, command) in enumerate(makers.items()):
+        host.user(login, 1001 + number)
+        host.sh(f"cd /home/{login}; {command}")
+    before = host.sh("cd /home; find * -path '*/.*' ! -name filler -printf "
+                     "'%p %y %i %m %U %l\n' | sort")
+    run = host.run_task(TASK)
+    assert run.status == 0
+    assert run.text.count("....created\n") == len(makers) + 1
+    assert host.sh("cd /home; find * -path '*/.*' ! -name filler -printf "
+                   "'%p %y %i %m %U %l\n' | sort") == before
+    found = accounts(host)
+    sparse = found.pop("sparse")["Finger-Info"][0]
+    assert len(sparse) < 5 << 20 and sparse.startswith(r"Plan:\r\n----\r\n")
+    assert sparse.count(r"\x00") == 1 << 20
+    assert all(account["Finger-Info"] == [""] for account in found.values())
+    forwards = re.findall(rb"SMTP <(\w+)@", queued(run)["AC-Control"])
+    assert forwards == [b"null", b"noticedir", b"noticefifo", b"full",
+                        b"frozen"]
+
+
+def test_a_login_may_lead_out_of_the_spool_but_nobody_follows_it(host):
+    for login in ("../../x", "..", "a/b", "\x01\x7f"):
+        host.write("/etc/passwd", host.read("/etc/passwd") +
+                   f"{login}:x:1100:100:Odd:/home/odd:/bin/sh\n".encode())
+    host.mkdir("/home/odd", 0o755, 1100, 100)
+    host.write("/x", ANNS_MAIL, 0o600)
+    host.write("/var/mail/a/b", ANNS_MAIL, 0o600)
+    before = host.sh("stat -c '%n %i %u %g %a %s %Y' /x /var/mail/a/b /var")
+    run = host.run_task(TASK, POP)
+    assert ("    ../../x@example.com (Odd)....\nALERT: Possible security "
+            "problem with /var/mail/../../x\ncreated\n") in run.text
+    assert "problem with /var/mail/a/b\ncreated\n" in run.text
+    assert "    ??@example.com (Odd)....created\n" in run.text
+    assert "Error" not in run.text
+    assert host.sh("stat -c '%n %i %u %g %a %s %Y' /x /var/mail/a/b "
+                   "/var") == before
+    assert host.listdir(MAILBOXES) == []
+    assert sorted(accounts(host)) == ["Odd", "Odd-2", "Odd-3", "Odd-4",
+                                      "root-2"]
+
+
+def test_names_that_are_taken_get_a_number(host):
+    for number, name in enumerate(["Student", "student", "Student",
+                                   "Postmaster", "Help", "", ",Room 1", "&&"]):
+        host.user(f"u{number}", 1100 + number, gecos=name)
+    run = host.run_task(TASK)
+    assert run.text.count("....created\n") == 9
+    found = accounts(host)
+    assert sorted(found) == ["Help-2", "Postmaster-2", "Student", "Student-3",
+                             "U7U7", "root-2", "student-2", "u5", "u6"]
+    assert found["Student-3"]["SMTP-Address"][0] == "u2@example.com"
+    assert found["u6"]["Name"] == ["u6"]
+
+
+def test_only_traditional_passwords_are_carried_over(host):
+    modern = "$6$salt$" + "x" * 86
+    users = {"own": ("ownpassword13", "shadowed13abc"),
+             "shadowed": ("x", "shadowed13abc"), "modern": ("x", modern),
+             "locked": ("x", "!"), "absent": ("x", None), "none": ("", ""),
+             "twelve": ("123456789012", "123456789012"),
+             "lockedown": ("!wnpassword13", modern)}
+    shadow = host.read("/etc/shadow").decode()
+    passwords = host.read("/etc/passwd").decode()
+    for number, (login, (own, hidden)) in enumerate(users.items()):
+        passwords += f"{login}:{own}:{1100 + number}:100::/home:/bin/sh\n"
+        if hidden is not None:
+            shadow += f"{login}:{hidden}:19000:0:99999:7:::\n"
+    host.write("/etc/passwd", passwords)
+    host.write("/etc/shadow", shadow, 0o600)
+    run = host.run_task(TASK)
+    found = {uid: account["Raw-Password"][0]
+             for uid, account in accounts(host).items()}
+    tail = "UNIX-PASSWORD" + 38 * " "
+    assert found.pop("own") == "ownpassword13" + tail
+    assert found.pop("shadowed") == "shadowed13abc" + tail
+    assert found.pop("lockedown") == "!wnpassword13" + tail
+    for uid, password in found.items():
+        assert re.fullmatch("[a-z0-9]{6}" + tail, password), uid
+        assert f"Account-To: {uid} {password}\n".encode() in queued(run)[
+            "AA-Control"]
+    assert len(set(found.values())) == len(found) == 6
+    assert b"shadowed13abc" not in run.output
+
+
 def test_names_are_shown_without_control_characters(host):
     names = ["O\"Br\x1b[2Jien & co", "\udce9\udcff", "x" * 300, "../../x"]
     for number, name in enumerate(names):
