@@ -10,6 +10,8 @@
 
 #include <cerrno>
 
+#include "toolkit/Signals.h"
+
 volatile std::sig_atomic_t gf_OkToBeKilled = 1;
 volatile std::sig_atomic_t gf_Killed = 0;
 
@@ -75,12 +77,14 @@ ssize_t WriteWithoutSignal(int fd, std::string_view bytes) {
   ignore.sa_handler = SIG_IGN;
   struct sigaction former = {};
   sigaction(SIGPIPE, &ignore, &former);
+  const SFailAtSizeLimit no_signal;
   const ssize_t written = write(fd, bytes.data(), bytes.size());
   const int write_errno = errno;
   if (written < 0) {
-    // In the handler, whose mask is full, the signal was not ignored but is
+    // In the handler, whose mask is full, a signal was not ignored but is
     // pending; ignoring it again discards it.
     sigaction(SIGPIPE, &ignore, nullptr);
+    sigaction(SIGXFSZ, &ignore, nullptr);
   }
   sigaction(SIGPIPE, &former, nullptr);
   errno = write_errno;

@@ -32,8 +32,9 @@ class [[nodiscard]] SDeferInterrupts {
   SDeferInterrupts& operator=(const SDeferInterrupts&) = delete;
 };
 
-/// One write(2) that reports a reader that is gone by EPIPE only, never by
-/// SIGPIPE, whose action is as before when this returns.  Async-signal-safe.
+/// One write(2) that reports a reader that is gone and a file that may not grow
+/// by EPIPE and EFBIG only, never by SIGPIPE and SIGXFSZ, whose actions are as
+/// before when this returns.  Async-signal-safe.
 [[nodiscard]] ssize_t WriteWithoutSignal(int fd, std::string_view bytes);
 
 /// Waits that many seconds, however many signals arrive meanwhile.

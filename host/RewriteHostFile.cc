@@ -22,6 +22,7 @@
 #include "driver/Interrupts.h"
 #include "toolkit/Files.h"
 #include "toolkit/Privileges.h"
+#include "toolkit/Signals.h"
 
 namespace {
 
@@ -138,6 +139,7 @@ SDescriptor OpenForWriting(const SString& path, int same_file) {
 
 // A full disk shows before the first byte is overwritten.
 bool ReserveSpace(int fd, std::size_t size) {
+  const SFailAtSizeLimit no_signal;
   if (size == 0 ||
       fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size)) == 0) {
     return true;

@@ -217,7 +217,6 @@ TEST_F(RewriteHostFileTest, FailsWhenTheFileIsReplacedWhileItIsEdited) {
 
 TEST_F(RewriteHostFileTest, PutsTheOldContentBackWhenItCannotBeWritten) {
   // The new content is larger than a file may be, the backup is not.
-  signal(SIGXFSZ, SIG_IGN);
   rlimit former = {};
   getrlimit(RLIMIT_FSIZE, &former);
   rlimit limit = former;
@@ -228,14 +227,12 @@ TEST_F(RewriteHostFileTest, PutsTheOldContentBackWhenItCannotBeWritten) {
   setrlimit(RLIMIT_FSIZE, &limit);
   EXPECT_FALSE(Rewrite(std::string(25000, 'n')));
   setrlimit(RLIMIT_FSIZE, &former);
-  signal(SIGXFSZ, SIG_DFL);
 
   EXPECT_EQ(Read("conf"), old_content);
   EXPECT_EQ(Read("conf.bak"), old_content);
 }
 
 TEST_F(RewriteHostFileTest, LeavesNothingWhenTheBackupCannotBeWritten) {
-  signal(SIGXFSZ, SIG_IGN);
   rlimit former = {};
   getrlimit(RLIMIT_FSIZE, &former);
   rlimit limit = former;
@@ -243,7 +240,6 @@ TEST_F(RewriteHostFileTest, LeavesNothingWhenTheBackupCannotBeWritten) {
   setrlimit(RLIMIT_FSIZE, &limit);
   EXPECT_FALSE(Rewrite(""));
   setrlimit(RLIMIT_FSIZE, &former);
-  signal(SIGXFSZ, SIG_DFL);
 
   EXPECT_EQ(Read("conf"), "one\ntwo\n");
   EXPECT_FALSE(Exists("conf.bak"));

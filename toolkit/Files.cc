@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <memory>
 
+#include "toolkit/Signals.h"
+
 namespace {
 
 constexpr std::size_t kFirstPiece = 4096;
@@ -151,6 +153,7 @@ SStringList BaseName(const SStringList& paths, const SString& suffix) {
 }
 
 bool WriteAll(int fd, std::string_view bytes) {
+  const SFailAtSizeLimit no_signal;
   while (!bytes.empty()) {
     const ssize_t n = write(fd, bytes.data(), bytes.size());
     if (n > 0) {

@@ -44,7 +44,7 @@ bool RemoveFile(const SString& path);
                                    const SString& suffix);
 
 /// Writes all bytes to the descriptor, going on after short and interrupted
-/// writes.
+/// writes.  The limit for the size of files is a failure like a full disk.
 [[nodiscard]] bool WriteAll(int fd, std::string_view bytes);
 /// Makes a file that was not there with this content; `mode` less the process
 /// mask.  A process that is killed leaves it whole or not at all, on file

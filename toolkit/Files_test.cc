@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 
@@ -171,6 +173,25 @@ TEST_F(FilesTest, WriteAllReportsAFullDevice) {
   EXPECT_FALSE(WriteAll(full.Get(), "x"));
   EXPECT_EQ(errno, ENOSPC);
   EXPECT_TRUE(WriteAll(full.Get(), ""));
+}
+
+TEST_F(FilesTest, WriteAllReportsALimitWithoutASignal) {
+  struct sigaction action = {};
+  rlimit former = {};
+  ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &former));
+  rlimit limit = former;
+  limit.rlim_cur = 3;
+  const SDescriptor file(
+      open(Path("limited"), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+  const bool written = WriteAll(file.Get(), "four");
+  const int cause = errno;
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &former));
+
+  EXPECT_FALSE(written);
+  EXPECT_EQ(cause, EFBIG);
+  ASSERT_EQ(0, sigaction(SIGXFSZ, nullptr, &action));
+  EXPECT_EQ(SIG_DFL, action.sa_handler);
 }
 
 TEST_F(FilesTest, AWholeFileIsMadeOnlyWhereNothingIs) {

@@ -17,3 +17,15 @@ SHoldSignals::~SHoldSignals() {
   sigprocmask(SIG_SETMASK, &former_, nullptr);
   errno = former_errno;
 }
+
+SFailAtSizeLimit::SFailAtSizeLimit() : former_{} {
+  struct sigaction ignore = {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGXFSZ, &ignore, &former_);
+}
+
+SFailAtSizeLimit::~SFailAtSizeLimit() {
+  const int former_errno = errno;
+  sigaction(SIGXFSZ, &former_, nullptr);
+  errno = former_errno;
+}

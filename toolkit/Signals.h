@@ -14,3 +14,17 @@ class [[nodiscard]] SHoldSignals {
  private:
   sigset_t former_;
 };
+
+/// To the end of the enclosing block what would make a file larger than the
+/// process may make it fails with EFBIG, as a full disk fails, instead of ending
+/// the process by SIGXFSZ.
+class [[nodiscard]] SFailAtSizeLimit {
+ public:
+  SFailAtSizeLimit();
+  ~SFailAtSizeLimit();
+  SFailAtSizeLimit(const SFailAtSizeLimit&) = delete;
+  SFailAtSizeLimit& operator=(const SFailAtSizeLimit&) = delete;
+
+ private:
+  struct sigaction former_;
+};

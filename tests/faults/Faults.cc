@@ -43,6 +43,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -436,6 +437,7 @@ WRAP(setresuid, (uid_t real, uid_t effective, uid_t saved),
 WRAP(setresgid, (gid_t real, gid_t effective, gid_t saved),
      (real, effective, saved), "")
 
+WRAP(uname, (utsname * system), (system), "")
 WRAP(kill, (pid_t process, int signal), (process, signal), "")
 WRAP_AS(pid_t, fork, "fork", (), (), "", -1)
 WRAP(pipe2, (int* ends, int flags), (ends, flags), "")

@@ -96,3 +96,21 @@ def test_run_task_explains_its_usage(host):
         assert run.status == 2 and b"usage: run_task NAME" in run.errors
     assert host.run_task("Nothing+Nothing").state == {
         "reminders": [], "show_stoppers": 0, "running": 0, "www_port": 80}
+
+
+def test_a_limit_of_file_sizes_is_reported_and_kills_nobody(host):
+    """As a full disk; what is there stays whole, and a later run goes on."""
+    host.write("/etc/inetd.conf", "smtp stream tcp nowait root smtpd smtpd\n" +
+               "#" * 4000 + "\n")
+    host.daemon("inetd")
+    host.user("ann", uid=1001, mail=b"From a Mon\nSubject: s\n\nhello\n")
+    before = host.read("/etc/inetd.conf")
+    for limit in (0, 3000, 30000):
+        run = host.run("Install", limits={"RLIMIT_FSIZE": limit},
+                       until="Starting vellumcraft")
+        assert run.status in (-9, 255) and run.errors == b"", limit
+        assert host.read("/etc/inetd.conf") in (before, b"#" + before), limit
+        assert host.read("/var/mail/ann"), limit
+    run = host.run("Install")
+    assert run.status == 0, run.text
+    assert host.read("/etc/inetd.conf") == b"#" + before

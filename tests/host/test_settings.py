@@ -81,6 +81,12 @@ def test_no_address_names_the_file_of_the_address(host):
     refused(host, "no_address_for_address", args=["127.0.0.1"])
 
 
+def test_the_system_does_not_tell_its_name(host):
+    host.config(HostName=None)
+    refused(host, "no_node_name", env=environment(
+        "fail", 1, program="Install", errno="EFAULT", calls="uname"))
+
+
 def test_owner_unknown(host):
     host.config(MailUserName="nobodyhere")
     refused(host, "owner_unknown")

@@ -164,6 +164,7 @@ bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
   if (end <= file_size_) {
     return true;
   }
+  const SFailAtSizeLimit no_signal;
   const std::uint64_t ahead = std::clamp(end_ / 4, kLeastReserve, kMostReserve);
   for (const std::uint64_t wanted : {end + ahead, end}) {
     if (fallocate(fd_.Get(), 0, static_cast<off_t>(file_size_),
@@ -177,6 +178,7 @@ bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
 }
 
 bool SDatabaseFile::WriteAt(std::string_view bytes, std::uint64_t offset) {
+  const SFailAtSizeLimit no_signal;
   while (!bytes.empty()) {
     const ssize_t written = pwrite(fd_.Get(), bytes.data(), bytes.size(),
                                    static_cast<off_t>(offset));
