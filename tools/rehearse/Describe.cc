@@ -16,20 +16,6 @@ const char* TypeOf(mode_t mode) {
                           : "device";
 }
 
-const char* KindOf(Change::Kind kind) {
-  switch (kind) {
-    case Change::Kind::kCreated:
-      return "created";
-    case Change::Kind::kChanged:
-      return "changed";
-    case Change::Kind::kMoved:
-      return "moved";
-    case Change::Kind::kRemoved:
-      return "removed";
-  }
-  return "";
-}
-
 std::string Octal(mode_t mode) {
   std::array<char, 8> text = {};
   std::snprintf(text.data(), text.size(), "%04o", mode & 07777);
@@ -93,6 +79,20 @@ std::string Names::Of(unsigned long id) const {
   return found == names_.end() ? std::to_string(id) : found->second;
 }
 
+const char* NameOf(Change::Kind kind) {
+  switch (kind) {
+    case Change::Kind::kCreated:
+      return "created";
+    case Change::Kind::kChanged:
+      return "changed";
+    case Change::Kind::kMoved:
+      return "moved";
+    case Change::Kind::kRemoved:
+      return "removed";
+  }
+  return "";
+}
+
 std::string Printable(const std::string& text) {
   std::string shown = text;
   for (char& c : shown) {
@@ -103,11 +103,10 @@ std::string Printable(const std::string& text) {
   return shown;
 }
 
-std::string Line(const Change& change, const Owners& owners) {
+std::string Describe(const Change& change, const Owners& owners) {
   const FileState& state = change.after ? *change.after : *change.before;
   const mode_t mode = state.status.st_mode;
-  std::string text = std::string("  ") + KindOf(change.kind) + "  " +
-                     Octal(mode) + "  " + owners.Of(state.status) + "  " +
+  std::string text = Octal(mode) + "  " + owners.Of(state.status) + "  " +
                      Printable(change.path);
   if (S_ISDIR(mode)) {
     text += "/";
@@ -119,7 +118,12 @@ std::string Line(const Change& change, const Owners& owners) {
   if (change.before && change.after) {
     text += Differences(change, owners);
   }
-  return text + "\n";
+  return text;
+}
+
+std::string Line(const Change& change, const Owners& owners) {
+  return std::string("  ") + NameOf(change.kind) + "  " +
+         Describe(change, owners) + "\n";
 }
 
 std::string Section(const std::string& title, const std::string& lines) {
@@ -145,10 +149,9 @@ std::string SignalLines(const std::vector<Signalled>& signalled) {
   return text;
 }
 
-std::string AsJson(const Change& change, const Owners& owners) {
-  JsonObject object;
+void AddChange(JsonObject& object, const Change& change, const Owners& owners) {
   object.Add("path", change.path);
-  object.Add("kind", KindOf(change.kind));
+  object.Add("kind", NameOf(change.kind));
   if (change.kind == Change::Kind::kMoved) {
     object.Add("from", change.from);
   }
@@ -161,6 +164,11 @@ std::string AsJson(const Change& change, const Owners& owners) {
       object.AddRaw(key, inner.Text());
     }
   }
+}
+
+std::string AsJson(const Change& change, const Owners& owners) {
+  JsonObject object;
+  AddChange(object, change, owners);
   return object.Text();
 }
 

@@ -34,7 +34,13 @@ struct Owners {
 /// What a terminal would obey is shown as "?".
 [[nodiscard]] std::string Printable(const std::string& text);
 
-/// One change as a line of a report.
+/// "created", "changed", "moved", "removed"
+[[nodiscard]] const char* NameOf(Change::Kind kind);
+
+/// Mode, owner, path and differences of a change.
+[[nodiscard]] std::string Describe(const Change& change, const Owners& owners);
+
+/// One change as a line of a report, with its kind.
 [[nodiscard]] std::string Line(const Change& change, const Owners& owners);
 
 /// A title and its lines, "none" where there are none.
@@ -44,6 +50,8 @@ struct Owners {
 [[nodiscard]] std::string ProcessLines(const std::vector<Process>& processes);
 [[nodiscard]] std::string SignalLines(const std::vector<Signalled>& signalled);
 
+/// Puts what is known of a change into an object.
+void AddChange(JsonObject& object, const Change& change, const Owners& owners);
 [[nodiscard]] std::string AsJson(const Change& change, const Owners& owners);
 [[nodiscard]] std::string AsJson(const Process& process);
 [[nodiscard]] std::string AsJson(const Signalled& one);

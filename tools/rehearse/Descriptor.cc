@@ -5,17 +5,6 @@
 #include <array>
 #include <cerrno>
 
-bool WriteAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t n = write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno != EINTR) {
-      return false;
-    }
-    bytes.remove_prefix(n < 0 ? 0 : static_cast<std::size_t>(n));
-  }
-  return true;
-}
-
 std::string ReadAll(int fd) {
   std::string bytes;
   std::array<char, 65536> buffer;

@@ -3,8 +3,9 @@
 #include <unistd.h>
 
 #include <string>
-#include <string_view>
 #include <utility>
+
+#include "toolkit/Files.h"  // WriteAll
 
 /// An open file descriptor that is closed at the end of its owner's life.
 class Descriptor {
@@ -32,9 +33,6 @@ class Descriptor {
  private:
   int fd_ = -1;
 };
-
-/// Writes everything; false with errno when that fails.
-[[nodiscard]] bool WriteAll(int fd, std::string_view bytes);
 
 /// Everything up to the end of the file; what could be read when that fails.
 [[nodiscard]] std::string ReadAll(int fd);

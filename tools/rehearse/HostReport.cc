@@ -2,24 +2,138 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <sstream>
+
 #include "tools/rehearse/Describe.h"
+#include "tools/rehearse/Telling.h"
 
 namespace {
 
 constexpr const char* pz_NothingChanged =
     "Nothing was changed on this host: all of this happened in memory only.\n";
 
-std::string StatusOf(int status) {
-  return WIFSIGNALED(status) ? "ended by " + SignalName(WTERMSIG(status))
-                             : std::to_string(WEXITSTATUS(status));
+// A person reads that much of one file; JSON has all of it.
+constexpr int kMostDiffLines = 120;
+// Files of one directory of mail that are listed one by one.
+constexpr std::size_t kMostMailFiles = 3;
+
+// A diff, indented and not longer than anybody would read.
+std::string DiffLines(const std::string& diff) {
+  std::string text;
+  std::istringstream lines(diff);
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    if (count < kMostDiffLines) {
+      // A tab begins the values of a database's text.
+      const bool value = line.size() > 1 && line[1] == '\t';
+      text += "      " + line.substr(0, 1) + (value ? "\t" : "") +
+              Printable(line.substr(
+                  std::min<std::size_t>(line.size(), value ? 2 : 1))) +
+              "\n";
+    }
+  }
+  if (count > kMostDiffLines) {
+    text +=
+        "      ... " + std::to_string(count - kMostDiffLines) + " more lines\n";
+  }
+  return text;
 }
 
-std::string LinesOf(const HostFindings& findings, Change::Kind kind,
-                    const Owners& owners) {
+std::string EntryLines(const Entry& entry, const Owners& owners) {
+  std::string text = "  " + Describe(*entry.change, owners);
+  if (!entry.copy_of.empty()) {
+    text += ", a copy of " + Printable(entry.copy_of) + " as it was";
+  }
+  if (!entry.note.empty()) {
+    text += " (" + entry.note + ")";
+  }
+  return text + "\n" + DiffLines(entry.diff);
+}
+
+std::string LinesOf(const Told& told, Group group, const Owners& owners) {
   std::string lines;
-  for (const Change& change : findings.files) {
-    if (change.kind == kind) {
-      lines += Line(change, owners);
+  for (const Entry& entry : told.entries) {
+    if (entry.group == group) {
+      lines += EntryLines(entry, owners);
+    }
+  }
+  return lines;
+}
+
+std::string JoinValues(const Account& account, const std::string& key) {
+  const auto found = account.find(key);
+  std::string joined;
+  for (const std::string& value :
+       found == account.end() ? std::vector<std::string>() : found->second) {
+    joined += joined.empty() ? "" : ", ";
+    joined += value;
+  }
+  return joined;
+}
+
+std::string AccountLines(const Told& told, const Owners& owners) {
+  std::string lines;
+  for (const AccountChange& change : told.accounts) {
+    const Account& account =
+        change.kind == Change::Kind::kRemoved ? change.before : change.after;
+    lines +=
+        std::string("  ") + NameOf(change.kind) + "  " + Printable(change.uid);
+    for (const char* key : {"Name", "SMTP-Address"}) {
+      const std::string values = JoinValues(account, key);
+      lines += values.empty() ? "" : "  " + Printable(values);
+    }
+    lines += "\n";
+  }
+  for (const Entry& entry : told.entries) {
+    if (entry.group == Group::kAccounts) {
+      lines += Line(*entry.change, owners) + DiffLines(entry.diff);
+    }
+  }
+  return lines;
+}
+
+std::string QueuedLine(const Queued& queued) {
+  std::string line = "  queued  " + Printable(queued.what);
+  line += queued.to.empty() ? "" : " to " + Printable(queued.to);
+  line += queued.subject.empty() ? "" : ", " + Printable(queued.subject);
+  return line + "\n";
+}
+
+std::string DirectoryOf(const std::string& path) {
+  return path.substr(0, path.rfind('/') + 1);
+}
+
+// Many new files of one directory are told as one line.
+std::string MailLines(const Told& told, const Owners& owners) {
+  std::map<std::string, std::pair<std::size_t, long long>> created;
+  const auto is_new_file = [](const Entry& entry) {
+    return entry.group == Group::kMail && IsRegular(entry.change->after) &&
+           entry.change->kind == Change::Kind::kCreated;
+  };
+  for (const Entry& entry : told.entries) {
+    if (is_new_file(entry)) {
+      auto& [count, bytes] = created[DirectoryOf(entry.change->path)];
+      ++count;
+      bytes += entry.change->after->status.st_size;
+    }
+  }
+  std::string lines;
+  for (const Queued& queued : told.queued) {
+    lines += QueuedLine(queued);
+  }
+  for (const Entry& entry : told.entries) {
+    const std::string directory = DirectoryOf(entry.change->path);
+    if (entry.group != Group::kMail) {
+      continue;
+    }
+    if (!is_new_file(entry) || created[directory].first <= kMostMailFiles) {
+      lines += Line(*entry.change, owners);
+    } else if (created[directory].second >= 0) {
+      lines += "  created  " + std::to_string(created[directory].first) +
+               " files in " + Printable(directory) + ", " +
+               std::to_string(created[directory].second) + " bytes\n";
+      created[directory].second = -1;  // told
     }
   }
   return lines;
@@ -49,13 +163,60 @@ std::string StartLines(const std::vector<ServerStart>& starts,
 std::string RefusalLines(const std::vector<Refusal>& refusals) {
   std::string lines;
   for (const Refusal& refusal : refusals) {
-    lines +=
-        "  " + Printable(refusal.process) + "  " + Printable(refusal.what) +
-        (refusal.count > 1 ? ", " + std::to_string(refusal.count) + " times"
-                           : "") +
-        "\n";
+    lines += "  " + Printable(refusal.process) + "  " + Printable(refusal.what);
+    lines += refusal.count > 1 ? ", " + std::to_string(refusal.count) + " times"
+                               : "";
+    lines += "\n";
   }
   return lines;
+}
+
+std::string StatusText(int status) {
+  return WIFSIGNALED(status) ? "ended by " + SignalName(WTERMSIG(status))
+                             : std::to_string(WEXITSTATUS(status));
+}
+
+std::string AsJson(const Entry& entry, const Owners& owners) {
+  JsonObject object;
+  AddChange(object, *entry.change, owners);
+  object.Add("group", NameOf(entry.group));
+  if (!entry.copy_of.empty()) {
+    object.Add("copy_of", entry.copy_of);
+  }
+  if (!entry.diff.empty()) {
+    object.Add("diff", entry.diff);
+  }
+  return object.Text();
+}
+
+std::string AsJson(const Account& account) {
+  JsonObject object;
+  for (const auto& [key, values] : account) {
+    object.AddRaw(key, JsonStrings(values));
+  }
+  return object.Text();
+}
+
+std::string AsJson(const AccountChange& change) {
+  JsonObject object;
+  object.Add("uid", change.uid);
+  object.Add("kind", NameOf(change.kind));
+  if (change.kind != Change::Kind::kCreated) {
+    object.AddRaw("before", AsJson(change.before));
+  }
+  if (change.kind != Change::Kind::kRemoved) {
+    object.AddRaw("after", AsJson(change.after));
+  }
+  return object.Text();
+}
+
+std::string AsJson(const Queued& queued) {
+  JsonObject object;
+  object.Add("control", queued.control);
+  object.Add("what", queued.what);
+  object.Add("to", queued.to);
+  object.Add("subject", queued.subject);
+  return object.Text();
 }
 
 std::string AsJson(const ServerStart& start) {
@@ -79,13 +240,17 @@ std::string AsJson(const Refusal& refusal) {
 }  // namespace
 
 std::string HostReportAsText(const HostFindings& findings,
-                             const Changes& /*changes*/) {
+                             const Changes& changes) {
+  const Told told = Tell(findings.program, findings.files, changes);
   const Owners owners;
   std::string text =
-      Section("Created:", LinesOf(findings, Change::Kind::kCreated, owners)) +
-      Section("Changed:", LinesOf(findings, Change::Kind::kChanged, owners)) +
-      Section("Moved:", LinesOf(findings, Change::Kind::kMoved, owners)) +
-      Section("Removed:", LinesOf(findings, Change::Kind::kRemoved, owners)) +
+      "Rehearsal of: " + Words(findings.program) + "\n" +
+      Section("Created:", LinesOf(told, Group::kCreated, owners)) +
+      Section("Changed:", LinesOf(told, Group::kChanged, owners)) +
+      Section("Moved:", LinesOf(told, Group::kMoved, owners)) +
+      Section("Removed:", LinesOf(told, Group::kRemoved, owners)) +
+      Section("Accounts:", AccountLines(told, owners)) +
+      Section("Mail:", MailLines(told, owners)) +
       Section("Signals:", SignalLines(findings.signals)) +
       Section("Would start:", StartLines(findings.starts, owners));
   if (!findings.refusals.empty()) {
@@ -98,26 +263,26 @@ std::string HostReportAsText(const HostFindings& findings,
   for (const std::string& path : findings.read_only) {
     text += "Read-only in the rehearsal: " + Printable(path) + "\n";
   }
-  return text + "Exit status: " + StatusOf(findings.status) + "\n" +
+  return text + "Exit status: " + StatusText(findings.status) + "\n" +
          pz_NothingChanged;
 }
 
 std::string HostReportAsJson(const HostFindings& findings,
-                             const Changes& /*changes*/) {
+                             const Changes& changes) {
+  const Told told = Tell(findings.program, findings.files, changes);
   const Owners owners;
-  const auto as_json = [&owners](const auto& item) {
-    if constexpr (std::is_same_v<std::decay_t<decltype(item)>, Change>) {
-      return AsJson(item, owners);
-    } else {
-      return AsJson(item);
-    }
+  const auto as_json = [](const auto& item) { return AsJson(item); };
+  const auto with_owners = [&owners](const auto& item) {
+    return AsJson(item, owners);
   };
   JsonObject object;
   object.AddRaw("program", JsonStrings(findings.program));
   object.AddNumber("exit_status", WIFSIGNALED(findings.status)
                                       ? 128 + WTERMSIG(findings.status)
                                       : WEXITSTATUS(findings.status));
-  object.AddRaw("files", JsonList(findings.files, as_json));
+  object.AddRaw("files", JsonList(told.entries, with_owners));
+  object.AddRaw("accounts", JsonList(told.accounts, as_json));
+  object.AddRaw("queued", JsonList(told.queued, as_json));
   object.AddRaw("signals", JsonList(findings.signals, as_json));
   object.AddRaw("would_start", JsonList(findings.starts, as_json));
   object.AddRaw("refused", JsonList(findings.refusals, as_json));

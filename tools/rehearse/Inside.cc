@@ -76,7 +76,7 @@ class Init {
     if (dialogue_.Fd() >= 0) {
       dialogue_.Show();
     }
-    TakeTerminal(getpgrp());
+    TakeTerminal(home_group_);
     if (options_.this_host) {
       left_running_ = ListDescendants();
       EndDescendants();  // their files are final now
@@ -107,7 +107,8 @@ class Init {
   Changes changes_;
   SignalWatch signals_;
   HostGuard guard_;
-  Watch& watch_;  // one of these two
+  Watch& watch_;                        // one of these two
+  const pid_t home_group_ = getpgrp();  // the other half's
   std::vector<Process> left_running_;
   Enquiry enquiry_;
   Dialogue dialogue_;
@@ -255,7 +256,7 @@ void Init::Reap() {
       continue;
     }
     if (WIFSTOPPED(status)) {
-      TakeTerminal(getpgrp());
+      TakeTerminal(home_group_);
       (void)Send(start_.channel, Message::Kind::kStopped,
                  std::to_string(WSTOPSIG(status)));
     } else {
