@@ -144,7 +144,8 @@ std::string SignalLines(const std::vector<Signalled>& signalled) {
   for (const Signalled& one : signalled) {
     text += std::string("  ") + std::to_string(one.target.id) + "  " +
             Printable(one.target.name) + "  " + SignalName(one.signal) +
-            " from " + Printable(one.sender) + "\n";
+            " from " + Printable(one.sender);
+    text += one.effect.empty() ? "\n" : ", taken to have " + one.effect + "\n";
   }
   return text;
 }
@@ -188,6 +189,9 @@ std::string AsJson(const Signalled& one) {
   object.Add("signal_name", SignalName(one.signal));
   object.Add("sender", one.sender);
   object.AddNumber("sender_pid", one.sender_id);
+  if (!one.effect.empty()) {
+    object.Add("taken_to_have", one.effect);
+  }
   return object.Text();
 }
 

@@ -15,6 +15,7 @@ constexpr const char* kSettings = "/etc/vellumcraft.conf";
 constexpr std::array<const char*, 2> kSpools = {"/var/mail", "/var/spool/mail"};
 constexpr const char* kControlSuffix = "-Control";
 constexpr const char* kHeaderSuffix = "-Header";
+constexpr const char* kBodySuffix = "-Body";
 
 std::string SettingsFile(const std::vector<std::string>& program) {
   for (std::size_t i = 1; i < program.size(); ++i) {
@@ -67,20 +68,23 @@ std::map<std::string, Account> AccountsOf(const std::string& text) {
 }
 
 // The values of a field of a control file or of a message's header.
-std::string Field(const std::string& text, const std::string& name) {
-  std::string values;
+std::vector<std::string> Field(const std::string& text,
+                               const std::string& name) {
+  std::vector<std::string> values;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     if (line.starts_with(name + ": ")) {
-      std::string value = line.substr(name.size() + 2);
-      while (value.ends_with('\r')) {
-        value.pop_back();
+      values.push_back(line.substr(name.size() + 2));
+      while (values.back().ends_with('\r')) {
+        values.back().pop_back();
       }
-      values += values.empty() ? "" : ", ";
-      values += value;
     }
   }
   return values;
+}
+
+std::string FirstOf(const std::vector<std::string>& values) {
+  return values.empty() ? "" : values.front();
 }
 
 }  // namespace
@@ -169,17 +173,21 @@ std::vector<Queued> ListQueued(const std::vector<Change>& changes,
     const std::string name = change.path.substr(
         directory.size(),
         change.path.size() - directory.size() - suffix.size());
+    const std::string message = grouping.MessageDirectory() + name;
     const std::string control = ReadFile(change.path);
-    const std::string header =
-        ReadFile(grouping.MessageDirectory() + name + kHeaderSuffix);
     Queued one;
     one.control = change.path;
-    const std::string request = Field(control, "Request-Type");
+    one.files = {change.path, message + kHeaderSuffix, message + kBodySuffix};
+    const std::string request = FirstOf(Field(control, "Request-Type"));
     one.what = request.empty() ? "message" : request;
-    one.to = Field(control, "Account-To");
-    const std::string channels = Field(control, "Channel-To");
-    one.to += (one.to.empty() || channels.empty() ? "" : ", ") + channels;
-    one.subject = Field(header, "Subject");
+    for (const std::string& account : Field(control, "Account-To")) {
+      // Behind the account's name, a request may carry its password.
+      one.to.push_back(account.substr(0, account.find(' ')));
+    }
+    for (std::string& channel : Field(control, "Channel-To")) {
+      one.to.push_back(std::move(channel));
+    }
+    one.subject = FirstOf(Field(ReadFile(message + kHeaderSuffix), "Subject"));
     queued.push_back(one);
   }
   return queued;

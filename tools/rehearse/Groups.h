@@ -49,9 +49,10 @@ struct AccountChange {
 
 /// A message or request that waits for the server.
 struct Queued {
-  std::string control;  // the file
-  std::string what;     // "message" or the request's type
-  std::string to;       // joined by ", "
+  std::string control;             // the file
+  std::vector<std::string> files;  // that file and those of the message
+  std::string what;                // "message" or the request's type
+  std::vector<std::string> to;
   std::string subject;
 };
 

@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -14,6 +15,7 @@
 #include <cstdlib>
 
 #include "tools/rehearse/CallFilter.h"
+#include "tools/rehearse/CallerMemory.h"
 #include "tools/rehearse/Descendants.h"
 #include "tools/rehearse/NetworkCalls.h"
 
@@ -91,8 +93,20 @@ constexpr std::array kProcessCalls = std::to_array<ProcessCall>({
     {SYS_fcntl, 2, "fcntl"},
 });
 
+// As far as a name has to be read to know whether it is one of /proc.
+constexpr std::size_t kLongestPath = 64;
+
 // The first argument of setpriority(2) and of ioprio_set(2) for one process.
 constexpr int kIoPriorityOfProcess = 1;
+
+const std::vector<int>& OpenCalls() {
+  static const std::vector<int> calls = {
+#ifdef SYS_open
+      SYS_open,
+#endif
+      SYS_openat, SYS_openat2};
+  return calls;
+}
 
 bool IsAnyOf(const std::vector<int>& numbers, int number) {
   return std::find(numbers.begin(), numbers.end(), number) != numbers.end();
@@ -111,6 +125,9 @@ bool IsRehearsed(pid_t process) {
 std::vector<sock_filter> HostGuard::Filter() const {
   CallFilter filter(CallFilter::Foreign::kFail);
   for (const int number : SignalCalls()) {
+    filter.Announce(number);
+  }
+  for (const int number : OpenCalls()) {
     filter.Announce(number);
   }
   filter.Announce(SYS_execve);
@@ -154,6 +171,9 @@ Answer HostGuard::AnswerTo(const HeldCall& call) {
   }
   if (call.number == SYS_execve || call.number == SYS_execveat) {
     return AnswerStart(call);
+  }
+  if (IsAnyOf(OpenCalls(), call.number)) {
+    return AnswerOpen(call);
   }
   if (IsAnyOf(NetworkCalls(), call.number)) {
     const Contact contact = ContactOf(call);
@@ -249,8 +269,28 @@ Answer HostGuard::SignalMany(const SignalRequest& request) {
 
 void HostGuard::NoteSignal(const SignalRequest& request,
                            const Process& target) {
-  signals_.push_back(
-      {target, ProcessName(request.sender), request.sender, request.signal});
+  const std::string sender = ProcessName(request.sender);
+  signals_.push_back({target, sender, request.sender, request.signal,
+                      aftermath_.Take(target, request.signal)});
+}
+
+// A file is opened where the program says; only the lists of ports are made up.
+Answer HostGuard::AnswerOpen(const HeldCall& call) {
+  const std::size_t path =
+      call.number == SYS_openat2 || call.number == SYS_openat ? 1 : 0;
+  const std::optional<std::string> content = aftermath_.Instead(
+      ReadString(call.caller, call.arguments[path], kLongestPath));
+  if (!content || !IsWaiting(call)) {
+    return {};
+  }
+  instead_ = Descriptor(memfd_create("ports", MFD_CLOEXEC));
+  if (!WriteAll(instead_.Get(), *content) ||
+      lseek(instead_.Get(), 0, SEEK_SET) != 0) {
+    return {};
+  }
+  Answer answer;
+  answer.descriptor = instead_.Get();
+  return answer;
 }
 
 Answer HostGuard::AnswerStart(const HeldCall& call) {

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/rehearse/Aftermath.h"
 #include "tools/rehearse/ServerStart.h"
 #include "tools/rehearse/SignalWatch.h"
 #include "tools/rehearse/Watch.h"
@@ -20,7 +21,8 @@ struct Refusal {
 /// a view of files of their own doesn't keep them from.
 ///
 /// Signals to processes other than the descendants of this one are answered as
-/// if they had been delivered, the server is not started, connections to others
+/// if they had been delivered, and the program is shown the host as it would be
+/// after them; the server is not started, connections to others
 /// and calls that change the host or other processes are refused; all that is
 /// noted.  What depends on the caller's memory (addresses of sockets, names of
 /// programs) can be changed between look and call by another thread of it:
@@ -44,6 +46,7 @@ class HostGuard : public Watch {
   Answer AnswerSignal(const HeldCall& call);
   Answer SignalOne(const HeldCall& call, const SignalRequest& request);
   Answer SignalMany(const SignalRequest& request);
+  Answer AnswerOpen(const HeldCall& call);
   Answer AnswerStart(const HeldCall& call);
   Answer AnswerAboutProcess(const HeldCall& call);
   Answer Refuse(const HeldCall& call, const std::string& what, int error);
@@ -53,4 +56,6 @@ class HostGuard : public Watch {
   std::vector<ServerStart> starts_;
   std::map<std::pair<std::string, std::string>, int> refusals_;
   StandIn stand_in_;
+  Aftermath aftermath_;
+  Descriptor instead_;  // what is opened instead of a file
 };

@@ -15,8 +15,7 @@ constexpr const char* pz_NothingChanged =
 
 // A person reads that much of one file; JSON has all of it.
 constexpr int kMostDiffLines = 120;
-// Files of one directory of mail that are listed one by one.
-constexpr std::size_t kMostMailFiles = 3;
+constexpr std::size_t kMostNames = 10;
 
 // A diff, indented and not longer than anybody would read.
 std::string DiffLines(const std::string& diff) {
@@ -95,46 +94,98 @@ std::string AccountLines(const Told& told, const Owners& owners) {
 
 std::string QueuedLine(const Queued& queued) {
   std::string line = "  queued  " + Printable(queued.what);
-  line += queued.to.empty() ? "" : " to " + Printable(queued.to);
-  line += queued.subject.empty() ? "" : ", " + Printable(queued.subject);
-  return line + "\n";
+  for (std::size_t i = 0; i < std::min(queued.to.size(), kMostNames); ++i) {
+    line += i == 0 ? " to " : ", ";
+    line += Printable(queued.to[i]);
+  }
+  if (queued.to.size() > kMostNames) {
+    line += " and " + std::to_string(queued.to.size() - kMostNames) + " more";
+  }
+  line +=
+      queued.subject.empty() ? "" : ", \"" + Printable(queued.subject) + "\"";
+  return line + ", " + Printable(queued.control) + "\n";
 }
 
 std::string DirectoryOf(const std::string& path) {
   return path.substr(0, path.rfind('/') + 1);
 }
 
-// Many new files of one directory are told as one line.
-std::string MailLines(const Told& told, const Owners& owners) {
-  std::map<std::string, std::pair<std::size_t, long long>> created;
-  const auto is_new_file = [](const Entry& entry) {
-    return entry.group == Group::kMail && IsRegular(entry.change->after) &&
-           entry.change->kind == Change::Kind::kCreated;
-  };
-  for (const Entry& entry : told.entries) {
-    if (is_new_file(entry)) {
-      auto& [count, bytes] = created[DirectoryOf(entry.change->path)];
-      ++count;
-      bytes += entry.change->after->status.st_size;
-    }
+struct NewFiles {
+  std::size_t count = 0;
+  long long bytes = 0;
+  bool is_told = false;
+};
+
+// New files are told by directory, and these are not told themselves.
+class MailTeller {
+ public:
+  MailTeller(const Told& told, const Owners& owners)
+      : told_(told), owners_(owners) {}
+
+  std::string Lines();
+
+ private:
+  [[nodiscard]] bool IsQueued(const std::string& path) const;
+  std::string LineOf(const Entry& entry);
+
+  const Told& told_;
+  const Owners& owners_;
+  std::map<std::string, NewFiles> directories_;
+};
+
+bool MailTeller::IsQueued(const std::string& path) const {
+  return std::any_of(
+      told_.queued.begin(), told_.queued.end(), [&path](const Queued& queued) {
+        return std::find(queued.files.begin(), queued.files.end(), path) !=
+               queued.files.end();
+      });
+}
+
+bool IsNewFile(const Entry& entry) {
+  return IsRegular(entry.change->after) &&
+         entry.change->kind == Change::Kind::kCreated;
+}
+
+std::string MailTeller::LineOf(const Entry& entry) {
+  const std::string& path = entry.change->path;
+  if (IsQueued(path)) {
+    return "";
   }
+  if (IsNewFile(entry)) {
+    NewFiles& files = directories_[DirectoryOf(path)];
+    if (files.is_told) {
+      return "";
+    }
+    files.is_told = true;
+    return "  created  " + std::to_string(files.count) +
+           (files.count == 1 ? " file in " : " files in ") +
+           Printable(DirectoryOf(path)) + ", " + std::to_string(files.bytes) +
+           " bytes\n";
+  }
+  // A directory with new files below it is named by these.
+  const auto below = directories_.lower_bound(path + "/");
+  if (entry.change->kind == Change::Kind::kCreated &&
+      below != directories_.end() && below->first.starts_with(path + "/")) {
+    return "";
+  }
+  return Line(*entry.change, owners_);
+}
+
+std::string MailTeller::Lines() {
   std::string lines;
-  for (const Queued& queued : told.queued) {
+  for (const Queued& queued : told_.queued) {
     lines += QueuedLine(queued);
   }
-  for (const Entry& entry : told.entries) {
-    const std::string directory = DirectoryOf(entry.change->path);
-    if (entry.group != Group::kMail) {
-      continue;
+  for (const Entry& entry : told_.entries) {
+    if (entry.group == Group::kMail && IsNewFile(entry) &&
+        !IsQueued(entry.change->path)) {
+      NewFiles& files = directories_[DirectoryOf(entry.change->path)];
+      ++files.count;
+      files.bytes += entry.change->after->status.st_size;
     }
-    if (!is_new_file(entry) || created[directory].first <= kMostMailFiles) {
-      lines += Line(*entry.change, owners);
-    } else if (created[directory].second >= 0) {
-      lines += "  created  " + std::to_string(created[directory].first) +
-               " files in " + Printable(directory) + ", " +
-               std::to_string(created[directory].second) + " bytes\n";
-      created[directory].second = -1;  // told
-    }
+  }
+  for (const Entry& entry : told_.entries) {
+    lines += entry.group == Group::kMail ? LineOf(entry) : "";
   }
   return lines;
 }
@@ -214,7 +265,7 @@ std::string AsJson(const Queued& queued) {
   JsonObject object;
   object.Add("control", queued.control);
   object.Add("what", queued.what);
-  object.Add("to", queued.to);
+  object.AddRaw("to", JsonStrings(queued.to));
   object.Add("subject", queued.subject);
   return object.Text();
 }
@@ -250,7 +301,7 @@ std::string HostReportAsText(const HostFindings& findings,
       Section("Moved:", LinesOf(told, Group::kMoved, owners)) +
       Section("Removed:", LinesOf(told, Group::kRemoved, owners)) +
       Section("Accounts:", AccountLines(told, owners)) +
-      Section("Mail:", MailLines(told, owners)) +
+      Section("Mail:", MailTeller(told, owners).Lines()) +
       Section("Signals:", SignalLines(findings.signals)) +
       Section("Would start:", StartLines(findings.starts, owners));
   if (!findings.refusals.empty()) {

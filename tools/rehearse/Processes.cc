@@ -68,15 +68,25 @@ std::string SocketOf(const std::string& directory, const std::string& fd) {
 std::map<std::string, pid_t> SocketHolders() {
   std::map<std::string, pid_t> holders;
   for (const std::string& id : NumbersIn("/proc")) {
-    const std::string directory = ProcessFile(std::atoi(id.c_str()), "fd");
-    for (const std::string& fd : NumbersIn(directory)) {
-      holders.emplace(SocketOf(directory, fd), std::atoi(id.c_str()));
+    for (const std::string& socket : SocketsOf(std::atoi(id.c_str()))) {
+      holders.emplace(socket, std::atoi(id.c_str()));
     }
   }
   return holders;
 }
 
 }  // namespace
+
+std::set<std::string> SocketsOf(pid_t id) {
+  std::set<std::string> sockets;
+  const std::string directory = ProcessFile(id, "fd");
+  for (const std::string& fd : NumbersIn(directory)) {
+    if (std::string socket = SocketOf(directory, fd); !socket.empty()) {
+      sockets.insert(std::move(socket));
+    }
+  }
+  return sockets;
+}
 
 std::string ProcessFile(pid_t id, const std::string& name) {
   return "/proc/" + std::to_string(id) + "/" + name;

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ struct Process {
 
 /// One field of /proc/ID/status, as in "PPid"; empty if there is none.
 [[nodiscard]] std::string ProcessStatus(pid_t id, const std::string& field);
+
+/// The sockets that a process holds, by inode number.
+[[nodiscard]] std::set<std::string> SocketsOf(pid_t id);
 
 /// A socket that waits for others: TCP in state "listen", or bound UDP.
 struct Listener {

@@ -111,7 +111,7 @@ Answer SignalWatch::AnswerTo(const HeldCall& call) {
   for (const Process& process : TargetsOf(*request)) {
     if (process.id != request->sender && MaySignal(call.caller, process.id)) {
       noted_.push_back({process, ProcessName(request->sender), request->sender,
-                        request->signal});
+                        request->signal, ""});
     }
   }
   return {};

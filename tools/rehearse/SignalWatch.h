@@ -13,6 +13,7 @@ struct Signalled {
   std::string sender;  // the sender's name
   pid_t sender_id = 0;
   int signal = 0;
+  std::string effect;  // what the target is taken to have done, if anything
 };
 
 /// What a system call that sends a signal asks for.

@@ -1,5 +1,6 @@
 #include "tools/rehearse/Watch.h"
 
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
@@ -54,6 +55,18 @@ void Watch::AnswerNext() {
     call.arguments[i] = announced.data.args[i];
   }
   const Answer answer = AnswerTo(call);
+  if (answer.descriptor >= 0) {
+    struct seccomp_notif_addfd copy = {};
+    copy.id = call.id;
+    copy.flags = SECCOMP_ADDFD_FLAG_SEND;
+    copy.srcfd = static_cast<unsigned>(answer.descriptor);
+    copy.newfd_flags = O_CLOEXEC;
+    // Fails where the caller has too many, or with an older kernel.
+    if (ioctl(announcements_.Get(), SECCOMP_IOCTL_NOTIF_ADDFD, &copy) >= 0) {
+      Answered(call);
+      return;
+    }
+  }
   struct seccomp_notif_resp reply = {};
   reply.id = call.id;
   if (answer.go_on) {

@@ -25,8 +25,9 @@ struct HeldCall {
 
 /// What the caller is told.
 struct Answer {
-  bool go_on = true;  // the kernel does what was asked
-  int error = 0;      // else the call fails with this errno, or returns 0
+  bool go_on = true;    // the kernel does what was asked
+  int error = 0;        // else the call fails with this errno, or returns 0
+  int descriptor = -1;  // else it returns a copy of this one
 };
 
 /// Watches system calls of a program and all its descendants: the kernel
