@@ -20,8 +20,7 @@ std::string DatabaseBytes() {
   const std::string path = ::testing::TempDir() + "/FileText.db";
   std::remove(path.c_str());
   SDatabaseFile database;
-  SSection section;
-  section.path = "/Postmaster";
+  SSection section("/Postmaster");
   section.Set("Name", SStringList("Post Master"));
   section.Set("Password", SStringList("secret1"));
   std::uint32_t id = SDatabaseFile::kNone;
