@@ -55,14 +55,20 @@ void PrintOwnershipAndAbort(const SString& problem) {
   PrintMessage(pz_InstallationAborted);
 }
 
+// Where root has an account, the new one delivers there from the start: a run
+// that is killed leaves no Postmaster whose mail goes nowhere.
 bool CreatePostmaster(SAccountDBMod* database, SAccountMod* postmaster) {
+  const SString root =
+      database->GetAccountUID(S821Address("root@" + gstr_HostName));
   return database->ModifyAccount("Postmaster", postmaster) &&
          postmaster->Set("Name", "Mail Administrator") &&
          postmaster->Set("SMTP-Address", "Postmaster@" + gstr_HostName) &&
          postmaster->Set("SMTP-RewriteStyle", "comment") &&
          postmaster->Set("Manager-Delivery", SStringList()) &&
          postmaster->Set("Access-Domains", SStringList()) &&
-         postmaster->Set("Password", GeneratePassword()) && postmaster->Lock();
+         postmaster->Set("Password", GeneratePassword()) &&
+         (root.IsEmpty() || postmaster->Set("Account-Delivery", root)) &&
+         postmaster->Lock();
 }
 
 bool CreateRoot(SAccountDBMod* database, SAccountMod* root) {

@@ -85,13 +85,12 @@ void Empty(SAccountMod* postmaster) {
 
 enum class Stored { kNew, kOld, kNeither };
 
-// Between emptying and setting, mail for the Postmaster would be lost: signals
-// end the run after the stretch.
+// The new deliveries take the place of the old ones, one list after the other,
+// so that mail for the Postmaster goes somewhere at any time.
 Stored StoreDeliveries(SAccountMod* postmaster,
                        const PostmasterDeliveries& wanted,
                        const PostmasterDeliveries& former) {
   const SHoldSignals until_stored;
-  Empty(postmaster);
   if (postmaster->Set("Account-Delivery", wanted.accounts) &&
       postmaster->Set("Channel-Delivery", wanted.channels)) {
     return Stored::kNew;

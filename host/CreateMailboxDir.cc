@@ -48,23 +48,36 @@ void RemindToGive() {
   gstrl_Reminders.Push("");
 }
 
-bool MakeMailboxDir() {
-  const SActAs as_root{SActAs::Root()};
-  return MakeDir(gstr_MailboxDir, S_IRWXU | S_IRWXG);
-}
-
 // Gives the new directory to the mail owner.  The directory above may be the
 // mail owner's own, who could put a link in place of the new directory: only
 // a directory of root's that stands there itself is given away.
-bool GiveToMailOwner() {
-  SString path = gstr_MailboxDir;
-  path.S("/+$", "");
-  const SActAs as_root{SActAs::Root()};
+bool GiveToMailOwner(const SString& path) {
   const SDescriptor made(
       open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status = {};
   return made.IsOpen() && fstat(made.Get(), &status) == 0 &&
          status.st_uid == 0 && fchown(made.Get(), gn_MailUID, gn_MailGID) == 0;
+}
+
+enum class Made { kNo, kNotGiven, kYes };
+
+// Under another name until it is the mail owner's: a directory that is found is
+// not looked at again, so a run that is killed must not leave root's there.
+Made MakeMailboxDir() {
+  SString path = gstr_MailboxDir;
+  path.S("/+$", "");
+  const SString temporary = path + ".new";
+  const SActAs as_root{SActAs::Root()};
+  rmdir(temporary);
+  if (!MakeDir(temporary, S_IRWXU | S_IRWXG)) {
+    return Made::kNo;
+  }
+  const bool given = GiveToMailOwner(temporary);
+  if (!Rename(temporary, path)) {
+    rmdir(temporary);
+    return Made::kNo;
+  }
+  return given ? Made::kYes : Made::kNotGiven;
 }
 
 }  // namespace
@@ -77,14 +90,15 @@ bool CreateMailboxDir() {
   }
   Print("not found\n");
   Print(pz_Creating);
-  if (!MakeMailboxDir()) {
+  const Made made = MakeMailboxDir();
+  if (made == Made::kNo) {
     Print("\n\n");
     PrintMessage(MakeFailed());
     PrintMessage(DirectoryRequired());
     RemindToMake();
     return AskToContinue();
   }
-  if (GiveToMailOwner()) {
+  if (made == Made::kYes) {
     Print("OK\n");
   } else {
     Print("\n\n");

@@ -10,6 +10,7 @@
 
 #include "serverconfig/UpdateConfiguration.h"
 
+#include <cerrno>
 #include <map>
 
 #include "console/Console.h"
@@ -102,7 +103,9 @@ bool PreserveKey(Sdbfile* target, Sdbfile* source, SString path) {
     section = "/";
   }
   if (!source->Open(section, 0)) {
-    return true;
+    // No such database or section, or no database: nothing to keep.  What only
+    // can't be read now must not be lost.
+    return errno == ENOENT || errno == EINVAL || errno == EBADMSG;
   }
   if (!target->Open(section, 1)) {
     return false;
@@ -127,12 +130,18 @@ bool UpdateDatabase(const SString& target_name, const SString& source_name,
 
 enum class Installed { kYes, kNoBackup, kRestored, kLost };
 
+// The backup alone is what a run that was killed between the two renames left.
+bool BackUp(const SString& live) {
+  return Rename(live, live + kBackupSuffix) ||
+         (errno == ENOENT && PathTaken(live + kBackupSuffix));
+}
+
 // The new database takes the place of the live one, which becomes the backup.
 Installed InstallDatabase(const SString& module) {
   const SString live = ConfigDirectory() + "/" + module;
   // A signal must not leave the module without a database.
   const SHoldSignals until_installed;
-  if (!Rename(live, live + kBackupSuffix)) {
+  if (!BackUp(live)) {
     return Installed::kNoBackup;
   }
   if (Rename(live + kNewSuffix, live)) {

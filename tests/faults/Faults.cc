@@ -20,7 +20,9 @@
 //                   without a path, or on descriptors without one, then don't
 //   FAULT_PROGRAMS  names of the programs that are watched (all)
 //   FAULT_LOG       a file to which every counted call is appended, one a line:
-//                   process id, number, call, path
+//                   process id, number, call, effective ids, path; the ids as
+//                   USER:GROUP:OTHER,OTHER...
+//   FAULT_HURRY     the milliseconds that a wait of the program's takes at most
 //
 // Calls by the C library's own insides (fopen's, the resolver's) are not seen,
 // only the ones that the program makes.  stat and read are watched, too, for
@@ -40,13 +42,16 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <string>
@@ -65,6 +70,7 @@ struct Plan {
   int signal = SIGTERM;
   std::string calls;
   std::string paths;
+  long longest_wait = -1;
   int log = -1;
 };
 
@@ -146,6 +152,7 @@ Plan MakePlan() {
   plan.signal = static_cast<int>(NumberOr(Variable("FAULT_SIGNAL"), SIGTERM));
   plan.calls = Variable("FAULT_CALLS");
   plan.paths = Variable("FAULT_PATHS");
+  plan.longest_wait = NumberOr(Variable("FAULT_HURRY"), -1);
   if (plan.mode != Mode::kOff) {
     plan.log = OpenLog(Variable("FAULT_LOG"));
   }
@@ -171,14 +178,35 @@ std::string PathOf(int fd) {
   return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : "";
 }
 
+std::string PathAt(int directory, const char* path) {
+  const std::string text = path == nullptr ? "" : path;
+  return directory == AT_FDCWD || text.starts_with('/')
+             ? text
+             : PathOf(directory) + "/" + text;
+}
+
+std::string EffectiveIds() {
+  gid_t groups[64];
+  const int count = getgroups(64, groups);
+  std::string ids =
+      std::to_string(geteuid()) + ":" + std::to_string(getegid()) + ":";
+  for (int i = 0; i < count; ++i) {
+    if (i > 0) {
+      ids += ',';
+    }
+    ids += std::to_string(groups[i]);
+  }
+  return ids;
+}
+
 void Log(const Plan& plan, long number, const char* call,
          const std::string& path) {
   if (plan.log < 0) {
     return;
   }
   const std::string line = std::to_string(getpid()) + " " +
-                           std::to_string(number) + " " + call + " " + path +
-                           "\n";
+                           std::to_string(number) + " " + call + " " +
+                           EffectiveIds() + " " + path + "\n";
   syscall(SYS_write, plan.log, line.data(), line.size());
 }
 
@@ -297,7 +325,7 @@ WRAP_OPEN(open64, "open")
     va_start(rest, flags);                                                  \
     const mode_t mode = ModeArgument(flags, rest);                          \
     va_end(rest);                                                           \
-    if (Judge(call, Text(path), false) == Verdict::kFail) {                 \
+    if (Judge(call, PathAt(directory, path), false) == Verdict::kFail) {    \
       return -1;                                                            \
     }                                                                       \
     return next(directory, path, flags, mode);                              \
@@ -407,19 +435,19 @@ WRAP(linkat, (int a, const char* from, int b, const char* to, int flags),
 WRAP(symlink, (const char* target, const char* path), (target, path),
      Text(path))
 WRAP(symlinkat, (const char* target, int directory, const char* path),
-     (target, directory, path), Text(path))
+     (target, directory, path), PathAt(directory, path))
 WRAP(unlink, (const char* path), (path), Text(path))
 WRAP(unlinkat, (int directory, const char* path, int flags),
-     (directory, path, flags), Text(path))
+     (directory, path, flags), PathAt(directory, path))
 WRAP(mkdir, (const char* path, mode_t mode), (path, mode), Text(path))
 WRAP(mkdirat, (int directory, const char* path, mode_t mode),
-     (directory, path, mode), Text(path))
+     (directory, path, mode), PathAt(directory, path))
 WRAP(rmdir, (const char* path), (path), Text(path))
 
 WRAP(chmod, (const char* path, mode_t mode), (path, mode), Text(path))
 WRAP(fchmod, (int fd, mode_t mode), (fd, mode), PathOf(fd))
 WRAP(fchmodat, (int directory, const char* path, mode_t mode, int flags),
-     (directory, path, mode, flags), Text(path))
+     (directory, path, mode, flags), PathAt(directory, path))
 WRAP(chown, (const char* path, uid_t uid, gid_t gid), (path, uid, gid),
      Text(path))
 WRAP(lchown, (const char* path, uid_t uid, gid_t gid), (path, uid, gid),
@@ -427,7 +455,7 @@ WRAP(lchown, (const char* path, uid_t uid, gid_t gid), (path, uid, gid),
 WRAP(fchown, (int fd, uid_t uid, gid_t gid), (fd, uid, gid), PathOf(fd))
 WRAP(fchownat,
      (int directory, const char* path, uid_t uid, gid_t gid, int flags),
-     (directory, path, uid, gid, flags), Text(path))
+     (directory, path, uid, gid, flags), PathAt(directory, path))
 
 WRAP(seteuid, (uid_t uid), (uid), "")
 WRAP(setegid, (gid_t gid), (gid), "")
@@ -441,6 +469,14 @@ WRAP(uname, (utsname * system), (system), "")
 WRAP(kill, (pid_t process, int signal), (process, signal), "")
 WRAP_AS(pid_t, fork, "fork", (), (), "", -1)
 WRAP(pipe2, (int* ends, int flags), (ends, flags), "")
+WRAP_AS(void*, mmap, "mmap",
+        (void* at, std::size_t size, int protection, int flags, int fd,
+         off_t from),
+        (at, size, protection, flags, fd, from), "", MAP_FAILED)
+WRAP_AS(void*, mmap64, "mmap",
+        (void* at, std::size_t size, int protection, int flags, int fd,
+         off_t from),
+        (at, size, protection, flags, fd, from), "", MAP_FAILED)
 WRAP_AS(pid_t, waitpid, "waitpid", (pid_t process, int* status, int options),
         (process, status, options), "", -1)
 
@@ -454,4 +490,23 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
     return errno;
   }
   return next(process, path, actions, attributes, arguments, environment);
+}
+
+// An end of waiting that lies in the past ends it, too.
+extern "C" int clock_nanosleep(clockid_t clock, int flags, const timespec* wait,
+                               timespec* left) {
+  static auto* const next = Next<decltype(clock_nanosleep)>("clock_nanosleep");
+  const long longest = ThePlan().longest_wait;
+  if (longest < 0) {
+    return next(clock, flags, wait, left);
+  }
+  timespec now = {};
+  clock_gettime(clock, &now);
+  const bool is_end = (flags & TIMER_ABSTIME) != 0;
+  const long milliseconds =
+      (wait->tv_sec - (is_end ? now.tv_sec : 0)) * 1000 +
+      (wait->tv_nsec - (is_end ? now.tv_nsec : 0)) / 1'000'000;
+  const long short_wait = std::clamp(milliseconds, 0L, longest);
+  const timespec part = {short_wait / 1000, short_wait % 1000 * 1'000'000};
+  return next(clock, 0, &part, left);
 }

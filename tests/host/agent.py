@@ -127,6 +127,42 @@ def lstat(path):
 
 
 @request
+def tree(paths):
+    """{path: (status, content or target)} of everything at and below."""
+    found = {}
+
+    def visit(path):
+        try:
+            status = os.lstat(path)
+        except FileNotFoundError:
+            return
+        content = None
+        if stat.S_ISREG(status.st_mode):
+            content = read(path)
+        elif stat.S_ISLNK(status.st_mode):
+            content = os.fsencode(os.readlink(path))
+        found[path] = tuple(status), content
+        if stat.S_ISDIR(status.st_mode):
+            for name in sorted(os.listdir(path)):
+                visit(f"{path}/{name}")
+
+    for path in paths:
+        visit(path)
+    return found
+
+
+@request
+def processes():
+    """{process id: name} of all that live."""
+    found = {}
+    for name in os.listdir("/proc"):
+        if name.isdigit() and alive(int(name)):
+            with open(f"/proc/{name}/comm") as file:
+                found[int(name)] = file.read().rstrip("\n")
+    return found
+
+
+@request
 def symlink(target, path):
     if os.path.lexists(path):
         os.remove(path)

@@ -24,7 +24,8 @@ def counted_calls(host, run, **more):
         host.remove(LOG)
     run(environment("count", log=LOG, **more))
     lines = host.read(LOG).decode().splitlines()
-    return [tuple((line + " ").split(" ")[2:4]) for line in lines]
+    return [(call, path) for _, _, call, _, path in (
+        line.split(" ", 4) for line in lines)]
 
 
 def backups(host, path):

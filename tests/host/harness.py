@@ -197,6 +197,15 @@ class Host:
     def read(self, path):
         return self.ask("read", path=path)
 
+    def tree(self, *paths):
+        """{path: (os.stat_result, content or link target)}, links as such."""
+        return {path: (os.stat_result(status), content) for path,
+                (status, content) in self.ask("tree", paths=paths).items()}
+
+    def processes(self):
+        """{process id: name} of all that live."""
+        return self.ask("processes")
+
     def exists(self, path):
         return self.ask("exists", path=path)
 
