@@ -41,28 +41,6 @@ bool LockUnderName(int fd, const std::string& name) {
   return true;
 }
 
-// Removes what a killed process left under the temporary name; EWOULDBLOCK when
-// a living one is at work there.
-bool RemoveLeftOver(const std::string& path, const std::string& temporary) {
-  struct stat left = {};
-  struct stat in_place = {};
-  if (lstat(temporary.c_str(), &left) != 0) {
-    return errno == ENOENT;
-  }
-  SDescriptor fd;
-  // The second name of a file in place is left from putting it there.
-  if (S_ISREG(left.st_mode) &&
-      (lstat(path.c_str(), &in_place) != 0 || !IsSameFile(left, in_place))) {
-    fd = SDescriptor(open(temporary.c_str(),
-                          O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (fd.IsOpen() && !LockUnderName(fd.Get(), temporary)) {
-      return false;
-    }
-  }
-  // The lock is held until the name is gone, so that it can't be another's.
-  return unlink(temporary.c_str()) == 0 || errno == ENOENT;
-}
-
 // Gives the new file the owner and group of the one that it replaces, whoever
 // the writer is.
 bool TakeOwnerOf(int former, int fresh) {
@@ -88,12 +66,35 @@ bool RenameToFreeName(const std::string& from, const std::string& to) {
 
 }  // namespace
 
+// Removes what a killed process left under the temporary name; EWOULDBLOCK when
+// a living one is at work there.
+bool SDatabaseFile::RemoveLeftOver(const std::string& path) {
+  const std::string temporary = path + kTemporarySuffix;
+  struct stat left = {};
+  struct stat in_place = {};
+  if (lstat(temporary.c_str(), &left) != 0) {
+    return errno == ENOENT;
+  }
+  SDescriptor fd;
+  // The second name of a file in place is left from putting it there.
+  if (S_ISREG(left.st_mode) &&
+      (lstat(path.c_str(), &in_place) != 0 || !IsSameFile(left, in_place))) {
+    fd = SDescriptor(open(temporary.c_str(),
+                          O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (fd.IsOpen() && !LockUnderName(fd.Get(), temporary)) {
+      return false;
+    }
+  }
+  // The lock is held until the name is gone, so that it can't be another's.
+  return unlink(temporary.c_str()) == 0 || errno == ENOENT;
+}
+
 bool SDatabaseFile::Begin(const std::string& path) {
   Forget();
   path_ = path;
   const std::string temporary = path + kTemporarySuffix;
   const SHoldSignals hold;
-  if (!RemoveLeftOver(path, temporary)) {
+  if (!RemoveLeftOver(path)) {
     return false;
   }
   fd_ = SDescriptor(open(temporary.c_str(),

@@ -88,12 +88,18 @@ bool SDatabaseFile::TakeIn() {
 bool SDatabaseFile::ReadHead(const char* head) {
   const char* first = head + kSectorSize;
   const char* second = first + kSectorSize;
-  if (!SectorIsSound(head) || !SectorIsSound(first) || !SectorIsSound(second) ||
-      Get32(head + kHeadVersion) != kVersion) {
+  // A mark may be cut short by whatever ended its writer; the other then says
+  // less, so that more is read, and the next writer puts it right.
+  const bool is_first_sound = SectorIsSound(first);
+  const bool is_second_sound = SectorIsSound(second);
+  if (!SectorIsSound(head) || Get32(head + kHeadVersion) != kVersion ||
+      (!is_first_sound && !is_second_sound)) {
     return false;
   }
+  const bool is_first_newer =
+      Get64(first + kMarkNumber) > Get64(second + kMarkNumber);
   const char* mark =
-      Get64(first + kMarkNumber) > Get64(second + kMarkNumber) ? first : second;
+      is_first_sound && (is_first_newer || !is_second_sound) ? first : second;
   salt_ = Get64(head + kHeadSalt);
   mark_.number = Get64(mark + kMarkNumber);
   mark_.synced_end = Get64(mark + kMarkSyncedEnd);

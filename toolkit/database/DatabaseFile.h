@@ -142,6 +142,7 @@ class SDatabaseFile {
   bool WriteHead();
   bool FlushNew();
   void RemoveUnfinished();
+  static bool RemoveLeftOver(const std::string& path);
   void Adopt(SDatabaseFile* other);
 
   std::string path_;

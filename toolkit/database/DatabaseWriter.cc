@@ -54,6 +54,10 @@ bool SDatabaseFile::OpenWriter(Access access) {
         // The first change waits for the disk, later ones in the same second
         // don't.
         synced_at_ = 0;
+        if (writes_) {
+          // Only takes up space: what can't go now goes another time.
+          (void)RemoveLeftOver(path);
+        }
         return writes_;
       }
     } else if (errno == ENOENT && access == Access::kCreate && Begin(path) &&
