@@ -192,7 +192,10 @@ bool ConvertMailbox(const SString& spool_path, const SString& uid) {
   SSpoolFile spool(spool_path);
   const int cause = spool.Open();
   if (cause != 0) {
-    return FailToOpen(spool_path, cause);
+    // While we waited for the locks the user may have fetched the last mail.
+    const bool is_gone =
+        (cause == ENOENT || cause == ESTALE) && !SpoolExists(spool_path);
+    return is_gone || FailToOpen(spool_path, cause);
   }
   const auto buffer = std::make_unique<char[]>(kPiece);
   switch (LookAt(&spool, buffer.get())) {

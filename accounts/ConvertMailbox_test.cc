@@ -199,6 +199,23 @@ TEST_F(ConvertMailboxTest, AFileLockedByOthersIsGivenUpAfterTenSeconds) {
   ExpectUntouched("From a\nhi\n");
 }
 
+TEST_F(ConvertMailboxTest, ASpoolThatGoesWhileItIsLockedLeavesNothingToDo) {
+  WriteSpool("From a\nhi\n");
+  std::ofstream(Spool() + ".lock") << "1\n";
+  const pid_t agent = fork();
+  if (agent == 0) {
+    usleep(150'000);
+    unlink(Spool().c_str());
+    unlink((Spool() + ".lock").c_str());
+    _exit(0);
+  }
+  EXPECT_EQ("", Convert());
+  EXPECT_TRUE(result_);
+  EXPECT_EQ(agent, waitpid(agent, nullptr, 0));
+  EXPECT_TRUE(fs::is_empty(directory_ + "/mailboxes"));
+  EXPECT_FALSE(fs::exists(Spool() + ".lock"));
+}
+
 TEST_F(ConvertMailboxTest, OnlyALockOfARunThatIsOverIsTakenOver) {
   // No process has the greatest number; the tests' own one lives.
   const std::string gone = std::to_string(INT_MAX);

@@ -111,7 +111,12 @@ void CreateUserAccount(SAccountDBMod* database, SUserImport* import,
     import->forward_users.Push(addresses.Get(0));
   }
   const bool converts = import->convert_mailboxes && IsPlainName(user.login);
-  const SString existing = AccountWith(*database, addresses);
+  SString existing = AccountWith(*database, addresses);
+  const bool can_create = existing.IsEmpty() && database->BecomeWriter();
+  if (can_create) {
+    // Another import may have made it before its turn was over.
+    existing = AccountWith(*database, addresses);
+  }
   if (!existing.IsEmpty()) {
     Print("already exists\n");
     if (converts && !ResumeConversion(spool, existing)) {
@@ -123,8 +128,8 @@ void CreateUserAccount(SAccountDBMod* database, SUserImport* import,
   const SString password =
       user.password + kPasswordMarker + SString(' ', kPasswordPadding);
   const SString shown = user.name + " (" + user.login + ")";
-  if (!CreateAccount(database, *import, user, uid, password, addresses,
-                     finger_lines)) {
+  if (!can_create || !CreateAccount(database, *import, user, uid, password,
+                                    addresses, finger_lines)) {
     import->failed.Push(shown);
     Print("Error: couldn't create the account!\n");
     return;

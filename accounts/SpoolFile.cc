@@ -55,7 +55,7 @@ bool SSpoolFile::NamesThisFile() const {
 bool SSpoolFile::IsLockLeft(struct stat* status) const {
   const SDescriptor lock(
       open(LockPath(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  char text[256];
+  char text[512];
   if (!lock.IsOpen() || fstat(lock.Get(), status) != 0 || status->st_uid != 0 ||
       !S_ISREG(status->st_mode)) {
     return false;

@@ -5,7 +5,8 @@ import re
 import pytest
 
 from harness import BUILD
-from imports import ANNS_MAIL, MAILBOXES, POP, SPOOLED, TASK, messages
+from imports import (ANNS_MAIL, MAILBOXES, POP, SPOOLED, TASK, accounts,
+                     messages)
 
 
 @pytest.fixture(autouse=True)
@@ -275,6 +276,32 @@ def test_a_writer_without_locks_is_waited_for(host):
     numbers, count = deliver_meanwhile(host, CARELESS)
     assert numbers == list(range(len(numbers)))
     assert len(numbers) >= count - 1
+
+
+def test_imports_at_the_same_time_do_everything_once(host):
+    logins = [f"u{number}" for number in range(200)]
+    host.write("/etc/passwd", host.read("/etc/passwd") + "".join(
+        f"{login}:x:{2000 + number}:100:User:/home/{login}:/bin/sh\n"
+        for number, login in enumerate(logins)).encode())
+    host.sh("cd /var/mail; for i in $(seq 0 199); do "
+            "printf 'From a\\nS: %s\\n\\nhi\\n' $i > u$i; done")
+    host.write("/tmp/input", "\n\n\n\n\np\n\n")
+    host.sh("cd /opt/vellumcraft; for i in 1 2 3; do "
+            f"'{BUILD}/AddUserAccounts' < /tmp/input > /tmp/out$i 2>&1 & "
+            "done; wait")
+    screens = [host.read(f"/tmp/out{i}").decode() for i in (1, 2, 3)]
+    assert sorted(screen.count("....created\n") for screen in screens) == [
+        0, 0, 201]
+    assert sorted(screen.count("....already exists\n") for screen in screens
+                  ) == [0, 201, 201]
+    assert not any("Error" in screen for screen in screens)
+    found = accounts(host)
+    assert sorted(account["SMTP-Address"][0].split("@")[0]
+                  for account in found.values()) == sorted(logins + ["root"])
+    assert host.listdir("/var/mail") == []
+    del found["root-2"]
+    mail = sorted(message for uid in found for message in messages(host, uid))
+    assert mail == sorted(b"S: %d\r\n\r\nhi\r\n" % i for i in range(200))
 
 
 def test_a_full_mailbox_disk_leaves_the_mail_where_it_is(host):

@@ -228,6 +228,10 @@ bool SAccountDB::IsUIDTaken(const SString& uid) const {
 SAccountDBMod::SAccountDBMod() = default;
 SAccountDBMod::~SAccountDBMod() = default;
 
+bool SAccountDBMod::BecomeWriter() {
+  return state_->OpenForWriting();
+}
+
 bool SAccountDBMod::ModifyAccount(const SString& uid, SAccountMod* account) {
   account->database_ = nullptr;
   if (!IsPlainFileName(uid.View())) {
