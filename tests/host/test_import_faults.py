@@ -131,6 +131,20 @@ def test_whatever_fails_the_mail_is_in_one_place_and_truly_told_of(host):
                     assert not host.exists(MAILBOXES + "/Ann/in"), where
 
 
+def test_messages_are_on_disk_before_the_spool_goes(host):
+    calls = calls_of(host)
+    unfinished = f"{MAILBOXES}/Ann/in.unfinished.ann"
+
+    def last(call, path):
+        return max(at for at, (name, where) in enumerate(calls)
+                   if name == call and where.startswith(path))
+
+    assert (last("write", unfinished) < last("syncfs", unfinished) <
+            last("rename", f"{MAILBOXES}/Ann/in") <
+            last("fsync", f"{MAILBOXES}/Ann") <
+            calls.index(("unlink", "/var/mail/ann")))
+
+
 def test_signals_wait_for_the_user_in_hand(host):
     host.user("bob", 1002, gecos="Bob", mail=b"")
     host.write("/tmp/pw", "ann:x:1001:100:Ann:/home/ann:\n"

@@ -4,6 +4,7 @@ import re
 
 import pytest
 
+from faults import environment
 from harness import BUILD, SCREENS, check_screen
 from imports import MAILBOXES, SPOOLED, TASK, accounts, queued
 
@@ -162,6 +163,29 @@ def test_the_second_program_offers_the_same_where_accounts_exist(host):
                 "/etc/passwd....\n")
     assert run.text.endswith("=\n\n" + expected)
     assert run.status == 0
+
+
+def test_everything_that_a_users_line_can_say(host):
+    lines = ["root:x:0:0:root:/root:\n"]
+    for number, login in enumerate(["ann", "eve", "cat", "kit", "dan", "fay"]):
+        name = "Ann Smith" if login == "ann" else login.title()
+        host.user(login, 1001 + number, gecos=name, mail=b"From a\nhi\n")
+        lines.append(f"{login}:x:{1001 + number}:100:{name}:/home/{login}:\n")
+    host.write("/tmp/root", lines[0])
+    host.write("/tmp/pw", lines[1] + lines[0] + "".join(lines[2:]))
+    host.run_task(TASK, ["f", "/tmp/root"])
+    host.sh("mv /var/mail/eve /tmp; ln -s /tmp/eve /var/mail/eve; "
+            "echo Hello > /var/mail/kit")
+    host.mkdir(f"{MAILBOXES}/Cat/in", 0o770, 950, 950)
+
+    run = host.run_task(
+        TASK, ["f", "/tmp/pw", "", "", "", "", "p"],
+        env=environment("signal", 1, paths="/home/dan/", signal=2))
+    check_screen(run, "AddUserAccounts/creation")
+    assert run.status == 0 and new_in_the_spool(run) == []
+    assert sorted(accounts(host)) == ["Ann-Smith", "Cat", "Dan", "Eve", "Kit",
+                                      "root-2"]
+    assert host.listdir(MAILBOXES) == ["Ann-Smith", "Cat", "Dan"]
 
 
 @pytest.mark.parametrize("mode", [FULL, ALONE])
