@@ -1,8 +1,8 @@
 """Builds the project and runs every test group, a line a group.
 
-A group is one GoogleTest program of a build directory, one file of host tests,
-or the repository check.  A group that crashes, or that runs no test, counts as
-one failure.  The last line is "N passed, N failed".
+A group is one GoogleTest program of a build directory, one fuzz program, one
+file of host tests, or the repository check.  A group that crashes, or that runs
+no test, counts as one failure.  The last line is "N passed, N failed".
 """
 
 import concurrent.futures
@@ -18,6 +18,7 @@ import xml.etree.ElementTree
 REPO = pathlib.Path(__file__).resolve().parent.parent
 PYTHON = "/usr/bin/python3"
 GROUP_SECONDS = 900
+FUZZ_RUNS = 2000
 
 
 class Group:
@@ -103,6 +104,16 @@ def unit_groups(directory, label):
             if program.is_file() and os.access(program, os.X_OK)]
 
 
+def fuzz_groups(directory):
+    """Each fuzz program on its corpus and the same few mutations of it."""
+    env = {"ASAN_OPTIONS": "abort_on_error=1",
+           "UBSAN_OPTIONS": "abort_on_error=1:print_stacktrace=1"}
+    return [Group(f"fuzz {name}",
+                  [str(directory / f"{name}_fuzz"), f"-runs={FUZZ_RUNS}",
+                   str(REPO / "fuzz" / "corpus" / name)], "plain", env)
+            for name in sorted(os.listdir(REPO / "fuzz" / "corpus"))]
+
+
 def host_groups(directory):
     env = {"VC_BUILD": str(directory)}
     return [Group(f"host {file.stem}",
@@ -149,6 +160,7 @@ def main(arguments):
             failed_builds += 1
         else:
             quiet_groups += unit_groups(asan, "sanitized")
+            quiet_groups += fuzz_groups(asan)
         quiet_groups.append(Group("check", ["tools/check"], "plain"))
 
     # Host tests mostly wait for the programs that they watch.

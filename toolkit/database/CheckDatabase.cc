@@ -158,7 +158,8 @@ std::string CompareIndex(SDatabaseFile* file) {
     if (!file->IsLive(id)) {
       continue;
     }
-    if (!file->ReadBody(id, &body)) {
+    SSection section;
+    if (!file->ReadBody(id, &body) || !section.Decode(body)) {
       return "section " + std::to_string(id) + " can't be read";
     }
     const std::string path(SSectionCursor(body).Path());
