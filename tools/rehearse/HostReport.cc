@@ -339,6 +339,5 @@ std::string HostReportAsJson(const HostFindings& findings,
   object.AddRaw("refused", JsonList(findings.refusals, as_json));
   object.AddRaw("left_running", JsonList(findings.left_running, as_json));
   object.AddRaw("read_only", JsonStrings(findings.read_only));
-  object.AddRaw("host_changed", "false");
   return object.Text() + "\n";
 }

@@ -100,7 +100,8 @@ StartedProgram StartProgram(const Options& options, const Dialogue& dialogue,
                             int terminal, Watch& watch) {
   StartedProgram started;
   const auto fail = [&started](const char* what) {
-    started.failure = Message{Message::Kind::kFailed, ProblemOf(what)};
+    started.failure =
+        Message{Message::Kind::kFailed, ProblemOf(what) + "; nothing was run"};
     return started;
   };
   std::array<int, 2> ends = {};
