@@ -227,14 +227,15 @@ class Program:
         self.status = None
         self.switches = -1
         self.sent = 0.0
-        self.terminal = stdin == "pty"
+        self.terminal = stdin in ("pty", "tty")
         child_in = child_out = child_err = None
         if self.terminal:
             self.console, child = os.openpty()
-            raw = termios.tcgetattr(child)
-            raw[1] &= ~termios.OPOST
-            raw[3] &= ~termios.ECHO
-            termios.tcsetattr(child, termios.TCSANOW, raw)
+            if stdin == "pty":
+                raw = termios.tcgetattr(child)
+                raw[1] &= ~termios.OPOST
+                raw[3] &= ~termios.ECHO
+                termios.tcsetattr(child, termios.TCSANOW, raw)
             child_in = child_out = child_err = child
             self.input = self.output = self.console
             self.errors = None

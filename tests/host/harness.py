@@ -311,7 +311,8 @@ class Host:
                     or a function of the host that gives one of these or None
                     (nothing is sent then, and the program is expected to go on)
         terminal    a terminal instead of pipes, without echo and conversions
-        stdin       "pipe", "pty", "null", "closed"
+        stdin       "pipe", "pty", "null", "closed"; "tty" is a terminal as it
+                    is: it echoes, edits lines and ends them by CR and LF
         input       bytes sent before all else, followed by the end of input
         user        login to run as instead of root
         signal_at   {part of a prompt: signal}, sent once at that prompt
