@@ -78,27 +78,23 @@ void ShowSettings(const SStringList& access_domains,
   Print(pz_PostmastersLabel + postmasters.Join(next_entry) + "\n\n");
 }
 
-void Empty(SAccountMod* postmaster) {
-  postmaster->Set("Account-Delivery", SStringList());
-  postmaster->Set("Channel-Delivery", SStringList());
-}
-
 enum class Stored { kNew, kOld, kNeither };
 
-// The new deliveries take the place of the old ones, one list after the other,
-// so that mail for the Postmaster goes somewhere at any time.
+// One change, so that mail for the Postmaster goes somewhere at any time.
+bool SetDeliveries(SAccountMod* postmaster,
+                   const PostmasterDeliveries& deliveries) {
+  return postmaster->SetTogether({{"Account-Delivery", deliveries.accounts},
+                                  {"Channel-Delivery", deliveries.channels}});
+}
+
 Stored StoreDeliveries(SAccountMod* postmaster,
                        const PostmasterDeliveries& wanted,
                        const PostmasterDeliveries& former) {
   const SHoldSignals until_stored;
-  if (postmaster->Set("Account-Delivery", wanted.accounts) &&
-      postmaster->Set("Channel-Delivery", wanted.channels)) {
+  if (SetDeliveries(postmaster, wanted)) {
     return Stored::kNew;
   }
-  Empty(postmaster);
-  const bool accounts = postmaster->Set("Account-Delivery", former.accounts);
-  const bool channels = postmaster->Set("Channel-Delivery", former.channels);
-  return accounts && channels ? Stored::kOld : Stored::kNeither;
+  return SetDeliveries(postmaster, former) ? Stored::kOld : Stored::kNeither;
 }
 
 bool Report(Stored stored) {

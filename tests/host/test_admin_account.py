@@ -5,7 +5,7 @@ import re
 import pytest
 
 from databases import account, dump, load, sound
-from faults import environment
+from faults import counted_calls, environment
 from harness import SCREENS, check_screen, squeeze
 
 PATH = "/opt/vellumcraft/config/Accounts"
@@ -292,6 +292,62 @@ def test_one_failing_store_is_rolled_back(host):
         assert delivery == (["Ann", "Gone"] if retained else ["Ann"]), at
         assert sound(host, "Accounts")
     assert any(seen) and not all(seen)
+
+
+CHANGE = ["y", "abcdef", "example.com", "<>, nosuch, ann, carol@x.org"]
+OLD_DELIVERIES = (["Ann", "Gone"], ["SMTP bob@elsewhere.org", "Other channel"])
+NEW_DELIVERIES = (["Ann"], ["SMTP carol@x.org"])
+
+
+def deliveries(host):
+    return tuple(account(host, "Postmaster", f"{kind}-Delivery")
+                 for kind in ("Account", "Channel"))
+
+
+@pytest.mark.parametrize("mode, statuses", [("signal", [3]), ("kill", [-9])])
+def test_the_deliveries_are_never_empty(host, mode, statuses):
+    """Neither a signal nor the death of the program cuts their change."""
+    def run(env):
+        load(host, "Accounts", EXISTING)
+        return host.run("run_task", CHANGE, ["SetupAdminAccount"], env=env)
+
+    calls = counted_calls(host, run, paths=PATH)
+    assert len(calls) > 20 and deliveries(host) == NEW_DELIVERIES
+    old, new = [], []
+    for at, call in enumerate(calls, 1):
+        number = (1, 2, 3, 15)[at % 4]
+        done = run(environment(mode, at, paths=PATH, signal=number))
+        state = deliveries(host)
+        assert state in (OLD_DELIVERIES, NEW_DELIVERIES), (at, call, number)
+        assert done.status in statuses, (at, call, number)
+        assert sound(host, "Accounts"), at
+        (new if state == NEW_DELIVERIES else old).append(at)
+    assert len(old) > 20 and len(new) > 2 and max(old) < min(new)
+
+
+def test_a_run_that_is_killed_at_any_call_leaves_whole_accounts(host):
+    def run(env):
+        host.sh(f"rm -f {PATH}*")
+        return host.run("run_task", ["secret1"], ["SetupAdminAccount"], env=env)
+
+    calls = counted_calls(host, run, paths=PATH)
+    assert len(calls) > 20
+    for at, call in enumerate(calls, 1):
+        assert run(environment("kill", at, paths=PATH)).status == -9
+        state = dump(host, "Accounts") if host.exists(PATH) else ""
+        for uid, last in (("Postmaster", "SMTP-RewriteStyle\n\tcomment"),
+                          ("Root", "UNIX-UserName\n\troot")):
+            assert (f"/{uid}\n" in state) == (
+                f"SMTP-Address\n\t{uid}@".lower() in state.lower()
+                and last in state), (at, call)
+        # The next run goes on from there.
+        again = host.run_task("SetupAdminAccount", {
+            "change any information": "y", "Postmaster password": "secret2",
+            "Postmasters:": "bob@x.org"})
+        assert again.status == 0, (at, call)
+        assert account(host, "Postmaster", "Password") == ["secret2"]
+        assert deliveries(host) == ([], ["SMTP bob@x.org"]), (at, call)
+        assert host.sh(f"ls {PATH}*") == PATH + "\n", (at, call)
 
 
 @pytest.mark.parametrize("number", [1, 2, 3, 15])

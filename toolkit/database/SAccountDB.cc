@@ -62,12 +62,27 @@ SStringList SAccount::Get(const SString& field) const {
 }
 
 bool SAccountMod::Set(const SString& field, const SStringList& values) {
-  if (database_ == nullptr || field.IsEmpty()) {
+  if (database_ != nullptr && is_new_ && !field.IsEmpty()) {
+    // Most fields are set on new accounts: no copies for them.
+    fields_->section.Set(field, values);
+    return true;
+  }
+  return SetTogether({{field, values}});
+}
+
+bool SAccountMod::SetTogether(
+    std::initializer_list<std::pair<SString, SStringList>> fields) {
+  const bool is_named =
+      std::none_of(fields.begin(), fields.end(),
+                   [](const auto& field) { return field.first.IsEmpty(); });
+  if (database_ == nullptr || !is_named) {
     errno = EINVAL;
     return false;
   }
   if (is_new_) {
-    fields_->section.Set(field, values);
+    for (const auto& [name, values] : fields) {
+      fields_->section.Set(name, values);
+    }
     return true;
   }
   SAccountDB::State& state = *database_->state_;
@@ -75,7 +90,9 @@ bool SAccountMod::Set(const SString& field, const SStringList& values) {
     return false;
   }
   SSection changed = fields_->section;
-  changed.Set(field, values);
+  for (const auto& [name, values] : fields) {
+    changed.Set(name, values);
+  }
   if (!state.file.Store(changed, &fields_->id)) {
     return false;
   }

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <initializer_list>
 #include <memory>
+#include <utility>
 
 #include "toolkit/Addresses.h"
 #include "toolkit/SStringList.h"
@@ -38,6 +40,9 @@ class SAccountMod : public SAccount {
   /// at once; on a new one it is gathered for `Lock`.  False with `errno` set
   /// when it can't be stored.
   bool Set(const SString& field, const SStringList& values);
+  /// The same for several fields, in one change: all of them or none.
+  bool SetTogether(
+      std::initializer_list<std::pair<SString, SStringList>> fields);
   /// Completes the creation of a new account: all fields become visible in one
   /// atomic change.  Does nothing for an existing account.  False with `errno`
   /// set when it can't be stored; nothing of the account is then left.
