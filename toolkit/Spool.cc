@@ -8,6 +8,7 @@
 
 #include "toolkit/Environment.h"
 #include "toolkit/Files.h"
+#include "toolkit/Signals.h"
 #include "toolkit/Times.h"
 
 namespace {
@@ -99,6 +100,7 @@ bool SControl::Write() const {
       content += fields_.Get(i) + "\n";
     }
   }
+  const SHoldSignals until_written;
   // The server takes up what ends in "-Control": the name comes last.
   const SString unfinished = path_ + ".tmp." + ProcessIdString();
   RemoveFile(unfinished);
@@ -119,6 +121,7 @@ bool QueueMessage(const SString& name, const SControl& control,
                   const SStringList& header, const SStringList& body) {
   const SString header_path = MessagesDirectory() + name + "-Header";
   const SString body_path = MessagesDirectory() + name + "-Body";
+  const SHoldSignals until_queued;
   bool queued = control.Write();
   if (queued) {
     SDescriptor header_file = OpenMessageFile(header_path);

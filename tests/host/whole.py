@@ -37,6 +37,10 @@ DATABASES = ("Accounts", "Account-Manager", "Dispatch", "WWW-Server")
 
 ANSWERS = {"Which method": "p", "UNIX delivery or POP": "p"}
 
+# What is written here is written in steps that no signal may cut.
+CAREFUL = (CONFIG, MAILBOXES, HOME + "/control", HOME + "/messages",
+           "/var/mail/", "/home/", INETD, "/usr/lib/")
+
 # What the kernel may refuse or cut, or where the process may end.
 CALLS = ("open", "openat", "write", "pwrite", "writev", "ftruncate",
          "fallocate", "fsync", "fdatasync", "syncfs", "rename", "renameat",
@@ -65,6 +69,9 @@ INETD_NEW = INETD_OLD.replace(b"smtp", b"#smtp").replace(b"  pop3", b"#pop3")
 USERS = {"ann": (1001, "Ann Smith", "*", (1, 2)),
          "bob": (1002, "Bob Miller", "ab5PtGoD8yzuY", (3,)),
          "carol": (1003, "Carol & Sons", "*", ())}
+
+
+PLEASE_WAIT = "\nPlease wait until I'm finished with this.\n\n"
 
 
 def message(number):
@@ -155,12 +162,12 @@ class Whole:
 
     def trials(self, mode, calls):
         """[(mode, at, more)] for each of the calls that the mode concerns."""
-        for at, (call, _) in enumerate(calls, 1):
+        for at, (call, path) in enumerate(calls, 1):
             if mode == "fail":
                 for error in ERRORS.get(call, ("EIO", "ENOSPC")):
                     yield mode, at, {"errno": error}
             elif mode == "signal":
-                for number in (1, 2, 3, 15):
+                for number in (1, 2, 3, 15) if path.startswith(CAREFUL) else ():
                     yield mode, at, {"signal": number}
             elif mode == "kill" or call in WRITES:
                 yield mode, at, {}
@@ -268,7 +275,7 @@ def differences(goal, state):
 
 # Differences to an undisturbed host that a second run may leave: a pattern of
 # the path, what is left, after which faults, and why.
-ENDS = ("kill", "torn", "signal")
+ENDS = ("kill", "torn")
 SPARED = (
     (r"/var/mail/\w+$", "more", None,
      "the account exists, so its mail is left where the user reads it"),
@@ -319,7 +326,7 @@ def eased(text, mode):
     postmaster = accounts.get("/Postmaster", "")
     postmaster = re.sub(r"\t(root-2|Root)\n", "\troot\n", postmaster)
     postmaster = postmaster.replace("Channel-Delivery\n", "")
-    if mode in ENDS:
+    if mode in (*ENDS, "signal"):
         postmaster = re.sub(r"(Password\n\t).*", r"\1any", postmaster)
     accounts["/Postmaster"] = postmaster
     if mode == "fail":
@@ -393,7 +400,7 @@ def values(text, key):
 
 def false_claims(run, tree, databases, daemons):
     """What the console says that did not happen."""
-    text = run.text
+    text = run.text.replace(PLEASE_WAIT, "")
 
     def content(path):
         return tree[path][1] if path in tree else None
@@ -433,9 +440,9 @@ def false_claims(run, tree, databases, daemons):
     if re.search(r"done for you\? yes/no/quit \[yes\] \nChecking", text) and (
             content(INETD) != INETD_NEW or daemons["inetd"].signals(0.2) != [1]):
         yield "inetd is not done"
-    if "Sendmail killed successfully.\n" in text and (
-            daemons["sendmail"].alive()):
-        yield "sendmail lives"
+    if "Sendmail killed successfully.\n" in text and not (
+            daemons["sendmail"].signals(2) == [15]):
+        yield "sendmail got no signal"
     if re.search(r"Installing sendmail emulator\.\.\.\. done\n", text) and (
             content(SENDMAIL) != LINK):
         yield "the emulator is not installed"
