@@ -273,15 +273,27 @@ mode_t ModeArgument(int flags, va_list rest) {
              : 0;
 }
 
+// How many of the bytes lie in whole sectors up to the half of the write.
+std::size_t SectorsOfHalf(std::size_t size, off_t at) {
+  constexpr std::size_t kSector = 512;
+  const auto start = static_cast<std::size_t>(at);
+  const std::size_t cut = (start + Half(size)) / kSector * kSector;
+  return cut > start ? cut - start : 0;
+}
+
+// `torn` is the part that is stored when the process is killed.
 template <typename Write>
-ssize_t JudgedWrite(const char* call, int fd, std::size_t size, Write write) {
+ssize_t JudgedWrite(const char* call, int fd, std::size_t size, Write write,
+                    std::size_t torn) {
   switch (Judge(call, PathOf(fd), true)) {
     case Verdict::kFail:
       return -1;
     case Verdict::kHalf:
       return write(Half(size));
     case Verdict::kHalfAndDie:
-      write(Half(size));
+      if (torn > 0) {
+        write(torn);
+      }
       Die();
     default:
       return write(size);
@@ -356,37 +368,43 @@ extern "C" int close(int fd) {
 extern "C" ssize_t write(int fd, const void* bytes, std::size_t size) {
   static auto* const next =
       Next<ssize_t(int, const void*, std::size_t)>("write");
-  return JudgedWrite("write", fd, size,
-                     [&](std::size_t n) { return next(fd, bytes, n); });
+  return JudgedWrite(
+      "write", fd, size, [&](std::size_t n) { return next(fd, bytes, n); },
+      Half(size));
 }
 
 extern "C" ssize_t pwrite(int fd, const void* bytes, std::size_t size,
                           off_t at) {
   static auto* const next =
       Next<ssize_t(int, const void*, std::size_t, off_t)>("pwrite");
-  return JudgedWrite("pwrite", fd, size,
-                     [&](std::size_t n) { return next(fd, bytes, n, at); });
+  return JudgedWrite(
+      "pwrite", fd, size, [&](std::size_t n) { return next(fd, bytes, n, at); },
+      SectorsOfHalf(size, at));
 }
 
 extern "C" ssize_t pwrite64(int fd, const void* bytes, std::size_t size,
                             off_t at) {
   static auto* const next =
       Next<ssize_t(int, const void*, std::size_t, off_t)>("pwrite64");
-  return JudgedWrite("pwrite", fd, size,
-                     [&](std::size_t n) { return next(fd, bytes, n, at); });
+  return JudgedWrite(
+      "pwrite", fd, size, [&](std::size_t n) { return next(fd, bytes, n, at); },
+      SectorsOfHalf(size, at));
 }
 
 // Half of a vector is its first element, or half of that.
 extern "C" ssize_t writev(int fd, const iovec* vector, int count) {
   static auto* const next = Next<ssize_t(int, const iovec*, int)>("writev");
   const std::size_t first = count > 0 ? vector[0].iov_len : 0;
-  return JudgedWrite("writev", fd, first, [&](std::size_t n) {
-    if (n == first) {
-      return next(fd, vector, count);
-    }
-    const iovec half = {vector[0].iov_base, n};
-    return next(fd, &half, 1);
-  });
+  return JudgedWrite(
+      "writev", fd, first,
+      [&](std::size_t n) {
+        if (n == first) {
+          return next(fd, vector, count);
+        }
+        const iovec half = {vector[0].iov_base, n};
+        return next(fd, &half, 1);
+      },
+      Half(first));
 }
 
 WRAP_AS(ssize_t, read, "read", (int fd, void* bytes, std::size_t size),
