@@ -136,11 +136,11 @@ class Whole:
         self.daemons = {"inetd": host.daemon("inetd"),
                         "sendmail": host.daemon("sendmail")}
 
-    def run(self, mode="off", at=0, **more):
+    def run(self, mode="off", at=0, answers=None, **more):
         """A run with faults, in which the program's own waits are short."""
         more.setdefault("calls", ",".join(CALLS))
         return self.host.run(
-            "Install", dict(ANSWERS), timeout=60,
+            "Install", self.answers if answers is None else answers, timeout=60,
             env=environment(mode, at, "Install", log=LOG, hurry=60, **more))
 
     def log(self):
@@ -168,8 +168,11 @@ class Whole:
                 for error in ERRORS.get(call, ("EIO", "ENOSPC")):
                     yield mode, at, {"errno": error}
             elif mode == "signal":
-                for number in (1, 2, 3, 15) if path.startswith(CAREFUL) else ():
-                    yield mode, at, {"signal": number}
+                # Calls without a path change identities, or signal and start
+                # processes.
+                if not path or path.startswith(CAREFUL):
+                    for number in (1, 2, 3, 15):
+                        yield mode, at, {"signal": number}
             elif mode == "kill" or call in WRITES:
                 yield mode, at, {}
 
