@@ -294,6 +294,52 @@ def test_one_failing_store_is_rolled_back(host):
     assert any(seen) and not all(seen)
 
 
+def with_one_failure(host, prepare, calls, names, errno):
+    """[(run, dump)] of runs that make the accounts while the n-th call fails."""
+    runs = []
+    for at in range(1, calls):
+        prepare()
+        run = host.run("run_task", ["secret1"], ["SetupAdminAccount"],
+                       env=environment("fail", at, paths=PATH, calls=names,
+                                       errno=errno))
+        runs.append((run, dump(host, "Accounts") if host.exists(PATH) else ""))
+    return runs
+
+
+@pytest.mark.parametrize("before, said", [
+    ("", "cannot_deliver_to_root"),
+    ("/Boss\nSMTP-Address\n\troot@mail.example.com\n", None)])
+def test_root_cannot_be_made_the_first_postmaster(host, before, said):
+    """Not fatal: the deliveries are asked for a moment later."""
+    def prepare():
+        host.sh(f"rm -f {PATH}*")
+        if before:
+            load(host, "Accounts", before)
+    failed = [(run, state) for run, state in with_one_failure(
+        host, prepare, 8, "pwrite", "ENOSPC")
+              if "deliver mail to the root" in squeeze(run.text)]
+    assert failed
+    for run, state in failed:
+        assert run.status == 0
+        assert "/Postmaster\n" in state and "\tsecret1\n" in state
+        if said:
+            assert run.output == screen(said)
+        else:
+            # The other way to say it: without the exclamation mark.
+            assert "Creating Postmaster account.... failed\n\n" in run.text
+
+
+def test_root_cannot_be_added_to_the_postmaster(host):
+    """The new account can't be opened again: both go."""
+    failed = [(run, state) for run, state in with_one_failure(
+        host, lambda: host.sh(f"rm -f {PATH}*"), 10, "pread", "EIO")
+              if "add root to the Postmaster" in squeeze(run.text)]
+    assert failed
+    for run, state in failed:
+        check_screen(run, "SetupAdminAccount/cannot_add_root")
+        assert (run.status, state) == (255, "")
+
+
 CHANGE = ["y", "abcdef", "example.com", "<>, nosuch, ann, carol@x.org"]
 OLD_DELIVERIES = (["Ann", "Gone"], ["SMTP bob@elsewhere.org", "Other channel"])
 NEW_DELIVERIES = (["Ann"], ["SMTP carol@x.org"])

@@ -3,6 +3,7 @@
 import pytest
 
 from databases import CONFIG, account, dump, load, sound
+from faults import counted_calls, environment
 from harness import SCREENS
 
 ALL = {
@@ -57,3 +58,35 @@ def test_the_database_cannot_be_written(host, break_it):
     screen = (SCREENS / "ConfigureFeatures/cannot_open.txt").read_bytes()
     assert run.output == screen[screen.index(b"ERROR:"):]
     assert run.status == 255
+
+
+@pytest.mark.parametrize("mode, status", [("kill", -9), ("signal", 3)])
+def test_a_run_that_ends_at_any_call_leaves_whole_accounts(host, mode, status):
+    path = f"{CONFIG}/Accounts"
+
+    def run(env):
+        host.sh(f"rm -f {path}*")
+        return host.run("run_task", [], ["SetupSpecialAccounts"], env=env)
+
+    calls = counted_calls(host, run, paths=path)
+    assert len(calls) > 15
+    seen = set()
+    for at, call in enumerate(calls, 1):
+        assert run(environment(mode, at, paths=path)).status == status, call
+        state = dump(host, "Accounts") if host.exists(path) else ""
+        made = [uid for uid in ALL if f"/{uid}\n" in state]
+        assert made == list(ALL)[:len(made)], (at, call)
+        assert state == "".join(map(expected, sorted(made))), (at, call)
+        seen.add(len(made))
+        assert host.run_task("SetupSpecialAccounts").status == 0
+        assert dump(host, "Accounts") == "".join(map(expected, sorted(ALL)))
+    assert seen == set(range(7))
+
+
+def test_a_full_disk_stops_the_installation(host):
+    host.sh(f"mount -t tmpfs -o size=8k,mode=0750,uid=950,gid=950 none {CONFIG}"
+            f" && dd if=/dev/zero of={CONFIG}/fill bs=4096 || true")
+    run = host.run_task("SetupSpecialAccounts")
+    screen = (SCREENS / "ConfigureFeatures/cannot_open.txt").read_bytes()
+    assert run.output == screen[screen.index(b"ERROR:"):]
+    assert run.status == 255 and host.listdir(CONFIG) == ["fill"]

@@ -3,7 +3,7 @@
 import pytest
 
 from databases import CONFIG, dump, load, sound
-from faults import environment
+from faults import counted_calls, environment
 from harness import check_screen
 
 ODD = ("/Config\nKeep\n\tb\xe4d \\x01\n\tline\\r\\n\n\ttrailing  \n\t\n"
@@ -192,6 +192,32 @@ def test_a_run_that_is_killed_at_any_call_loses_no_setting(host):
         assert any("\told\n" in dump(host, name) for name in names), at
         assert sound(host, *names), at
     assert killed > 5 and run.status == 0
+
+
+def test_a_signal_at_any_call_leaves_every_module_a_database(host):
+    def run(env):
+        host.sh(f"rm -rf {CONFIG}/*")
+        load(host, "Dispatch", "/Config\nKeep\n\told\n")
+        load(host, "Dispatch.install", "/Config\nKeep\n\tnew\nAdded\n")
+        preserve(host, "Dispatch/Config/Keep")
+        return update(host, env=env)
+
+    calls = counted_calls(host, run, paths=CONFIG + "/Dispatch")
+    assert len([call for call in calls if call[0] == "rename"]) == 2
+    seen = set()
+    for at, call in enumerate(calls, 1):
+        done = run(environment("signal", at, paths=CONFIG + "/Dispatch",
+                               signal=(1, 2, 3, 15)[at % 4]))
+        assert done.status == 3, (at, call)
+        state = dump(host, "Dispatch")
+        assert state in ("/Config\nKeep\n\told\n",
+                         "/Config\nAdded\nKeep\n\told\n"), (at, call)
+        # Installed and backed up, or neither.
+        backed_up = host.exists(f"{CONFIG}/Dispatch.backup")
+        assert ("Added" in state) == backed_up, (at, call)
+        assert host.exists(f"{CONFIG}/Dispatch.install") != backed_up
+        seen.add(backed_up)
+    assert seen == {False, True}
 
 
 def test_two_requests_from_one_process_share_their_name(host):

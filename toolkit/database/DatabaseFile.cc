@@ -36,6 +36,12 @@ bool SectorIsSound(const char* sector) {
   return Get32(sector + kSectorChecksum) == Crc32c({sector, kSectorChecksum});
 }
 
+// False with EBADMSG when the file ends before.
+bool ReadWhole(int fd, char* bytes, std::size_t size, std::uint64_t offset) {
+  const ssize_t got = pread(fd, bytes, size, static_cast<off_t>(offset));
+  return got == static_cast<ssize_t>(size) || (got >= 0 && Damaged());
+}
+
 }  // namespace
 
 bool SDatabaseFile::Open(const std::string& path, Access access) {
@@ -353,8 +359,14 @@ bool SDatabaseFile::ReadBody(std::uint32_t id, std::string_view* body) {
     return false;
   }
   std::string_view record;
-  if (place.size < kSmallestRecord || place.offset + place.size > end_ ||
-      !ReadAt(place.offset, place.size, &record) ||
+  const bool is_possible =
+      place.size >= kSmallestRecord && place.offset + place.size <= end_;
+  if (is_possible && !ReadAt(place.offset, place.size, &record) &&
+      errno != EBADMSG) {
+    // What can't be read now may be sound all the same.
+    return false;
+  }
+  if (record.size() != place.size ||
       Get32(record.data() + kRecordSize) != place.size ||
       Get32(record.data() + kRecordId) != id ||
       Get32(record.data()) != Crc32c(record.substr(kRecordSize))) {
@@ -379,13 +391,18 @@ bool SDatabaseFile::ReadAt(std::uint64_t offset, std::uint64_t size,
     }
   }
   if ((last + 1) * kBlockSize <= end_ && last < kept_blocks_.size()) {
+    if (!LoadBlocks(offset, size)) {
+      return false;
+    }
     *bytes = {kept_.get() + offset, size};
-    return LoadBlocks(offset, size);
+    return true;
   }
   scratch_.resize(size);
+  if (!ReadWhole(fd_.Get(), scratch_.data(), size, offset)) {
+    return false;
+  }
   *bytes = scratch_;
-  return pread(fd_.Get(), scratch_.data(), size, static_cast<off_t>(offset)) ==
-         static_cast<ssize_t>(size);
+  return true;
 }
 
 bool SDatabaseFile::LoadBlocks(std::uint64_t offset, std::uint64_t size) {
@@ -395,8 +412,7 @@ bool SDatabaseFile::LoadBlocks(std::uint64_t offset, std::uint64_t size) {
       continue;
     }
     const std::uint64_t at = block * kBlockSize;
-    if (pread(fd_.Get(), kept_.get() + at, kBlockSize,
-              static_cast<off_t>(at)) != static_cast<ssize_t>(kBlockSize)) {
+    if (!ReadWhole(fd_.Get(), kept_.get() + at, kBlockSize, at)) {
       return false;
     }
     kept_blocks_[block] = true;
