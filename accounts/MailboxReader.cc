@@ -1,5 +1,8 @@
 #include "accounts/MailboxReader.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace {
 
 constexpr std::string_view kSeparator = "From ";
@@ -80,10 +83,45 @@ bool SMailboxReader::TakeLineRest(std::string_view* piece) {
   return EndLine();
 }
 
+// Takes the lines of a message that the piece holds as a whole; many of them
+// make one call of the sink.
+bool SMailboxReader::TakeWholeLines(std::string_view* piece) {
+  std::size_t filled = 0;
+  while (!piece->starts_with(kSeparator)) {
+    std::string_view line =
+        piece->substr(0, std::min(piece->size(), lines_.size() - 2));
+    const std::size_t end = line.find('\n');
+    if (end == std::string_view::npos) {
+      break;
+    }
+    line = line.substr(0, end);
+    piece->remove_prefix(end + 1);
+    if (line.ends_with('\r')) {
+      line.remove_suffix(1);
+    }
+    if (lines_.size() - filled < line.size() + 2) {
+      if (!sink_->Write({lines_.data(), filled})) {
+        return false;
+      }
+      filled = 0;
+    }
+    std::memcpy(lines_.data() + filled, line.data(), line.size());
+    filled += line.size();
+    lines_[filled++] = '\r';
+    lines_[filled++] = '\n';
+    place_ = Place::kMessage;
+  }
+  return filled == 0 || sink_->Write({lines_.data(), filled});
+}
+
 bool SMailboxReader::Take(std::string_view piece) {
   while (!piece.empty()) {
-    if (at_line_begin_ && begin_.empty() && place_ != Place::kBefore &&
-        piece.size() >= kSeparator.size()) {
+    const bool is_in_messages =
+        at_line_begin_ && begin_.empty() && place_ != Place::kBefore;
+    if (is_in_messages && !TakeWholeLines(&piece)) {
+      return false;
+    }
+    if (is_in_messages && piece.size() >= kSeparator.size()) {
       // The usual case needs no bytes put by.
       at_line_begin_ = false;
       place_ = Place::kMessage;
@@ -94,8 +132,8 @@ bool SMailboxReader::Take(std::string_view piece) {
         }
       }
     }
-    if (!(at_line_begin_ ? TakeLineBegin(&piece, false)
-                         : TakeLineRest(&piece))) {
+    if (!piece.empty() && !(at_line_begin_ ? TakeLineBegin(&piece, false)
+                                           : TakeLineRest(&piece))) {
       return false;
     }
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -35,6 +36,7 @@ class SMailboxReader {
  private:
   enum class Place { kBefore, kSeparator, kMessage };
 
+  bool TakeWholeLines(std::string_view* piece);
   bool TakeLineBegin(std::string_view* piece, bool is_last);
   bool TakeLineRest(std::string_view* piece);
   bool WriteText(std::string_view text);
@@ -48,5 +50,6 @@ class SMailboxReader {
   bool indented_ = false;
   // A carriage return is written only when more of its line follows.
   bool holds_return_ = false;
+  std::array<char, std::size_t{16} * 1024> lines_;  // with their new ends
   std::string begin_;  // of a line, until it is clear what it is
 };

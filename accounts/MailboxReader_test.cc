@@ -129,8 +129,26 @@ TEST(MailboxReaderTest, RandomMailboxesAreReadByTheRulesInAnyPieces) {
     }
     const std::size_t piece = 1 + random() % 9;
     const Result want = ReadByTheRules(mailbox);
-    ASSERT_EQ(want, Read(mailbox, piece))
-        << testing::PrintToString(mailbox) << " by " << piece;
+    for (const std::size_t size : {piece, mailbox.size() + 1}) {
+      ASSERT_EQ(want, Read(mailbox, size))
+          << testing::PrintToString(mailbox) << " by " << size;
+    }
+  }
+}
+
+TEST(MailboxReaderTest, LinesOfEveryLengthAboutThatOfItsBufferAreWhole) {
+  constexpr std::size_t kBuffer = std::size_t{16} * 1024;
+  for (std::size_t length = kBuffer - 5; length < kBuffer + 5; ++length) {
+    for (const char* end : {"\n", "\r\n", "\r\r\n"}) {
+      const std::string line = std::string(length, 'x') + end;
+      const std::string mailbox =
+          "From a\n" + line + "\n" + line + line + "From b\nhi\n" + line;
+      const Result want = ReadByTheRules(mailbox);
+      for (const std::size_t piece :
+           {mailbox.size(), length, length + 7, kBuffer, std::size_t{5}}) {
+        ASSERT_TRUE(want == Read(mailbox, piece)) << length << " by " << piece;
+      }
+    }
   }
 }
 
