@@ -161,10 +161,10 @@ SString SSpoolFile::Version() const {
   if (fstat(file_.Get(), &status) != 0) {
     return {};
   }
-  return (std::to_string(status.st_ino) + "." + std::to_string(status.st_size) +
-          "." + std::to_string(status.st_mtim.tv_sec) + "." +
-          std::to_string(status.st_mtim.tv_nsec))
-      .c_str();
+  return SString(std::to_string(status.st_ino) + "." +
+                 std::to_string(status.st_size) + "." +
+                 std::to_string(status.st_mtim.tv_sec) + "." +
+                 std::to_string(status.st_mtim.tv_nsec));
 }
 
 bool SSpoolFile::Remove() {

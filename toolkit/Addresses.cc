@@ -36,13 +36,15 @@ constexpr bool IsSpecial(char c) {
   return std::string_view("()<>@,;:\\\".[]").find(c) != std::string_view::npos;
 }
 
-constexpr auto kIsWordByte = [] {
+constexpr std::array<bool, 256> FindWordBytes() {
   std::array<bool, 256> is_word_byte = {};
   for (unsigned byte = 0x21; byte < is_word_byte.size(); ++byte) {
     is_word_byte[byte] = byte != 0x7f && !IsSpecial(static_cast<char>(byte));
   }
   return is_word_byte;
-}();
+}
+
+constexpr std::array<bool, 256> kIsWordByte = FindWordBytes();
 
 bool IsWordByte(char c) {
   return kIsWordByte[static_cast<unsigned char>(c)];

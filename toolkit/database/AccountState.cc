@@ -4,8 +4,8 @@
 
 #include "toolkit/Environment.h"
 
-SAccountDB::State::State() {
-  path = (GetEnv("Vellumcraft") + "/config/Accounts").Std();
+SAccountDB::State::State()
+    : path((GetEnv("Vellumcraft") + "/config/Accounts").Std()) {
   if (!file.Open(path, SDatabaseFile::Access::kRead) && errno != ENOENT) {
     open_error = errno;
   }
