@@ -168,6 +168,11 @@ bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
   if (end <= file_size_) {
     return true;
   }
+  if (end_ == synced_end_) {
+    // For a change that may be the only one before the next sync, taking space
+    // and giving it back would be two more changes of the file system.
+    return true;
+  }
   const SFailAtSizeLimit no_signal;
   const std::uint64_t ahead = std::clamp(end_ / 4, kLeastReserve, kMostReserve);
   for (const std::uint64_t wanted : {end + ahead, end}) {
