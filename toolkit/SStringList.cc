@@ -15,6 +15,9 @@ namespace {
 
 const SString kNoElement;
 
+// Small enough to stay in the processor's cache.
+constexpr std::size_t kPieceRead = std::size_t{64} * 1024;
+
 // "/EXPR/", "!/EXPR/" or "s/EXPR/TEXT/", taken apart.
 struct Filter {
   enum class Form { kNone, kMatch, kNoMatch, kSubstitute };
@@ -422,16 +425,37 @@ SStringList LowerCase(const SStringList& list) {
 }
 
 std::istream& operator>>(std::istream& in, SStringList& lines) {
-  constexpr std::size_t kFirstPiece = 4096;
-  std::string content;
+  std::vector<char> piece(kPieceRead);
+  std::string begun;  // a line whose end wasn't read yet
+  bool is_room_made = false;
   while (in) {
-    const std::size_t filled = content.size();
-    content.resize(std::max(kFirstPiece, 2 * filled));
-    in.read(content.data() + filled,
-            static_cast<std::streamsize>(content.size() - filled));
-    content.resize(filled + static_cast<std::size_t>(in.gcount()));
+    in.read(piece.data(), static_cast<std::streamsize>(piece.size()));
+    std::string_view text(piece.data(), static_cast<std::size_t>(in.gcount()));
+    if (!begun.empty()) {
+      const std::size_t length = std::min(text.find('\n'), text.size() - 1) + 1;
+      begun.append(text.substr(0, length));
+      text.remove_prefix(length);
+      if (!begun.ends_with('\n')) {
+        continue;
+      }
+      lines.Push(SString(std::move(begun)));
+      begun.clear();
+    }
+    const std::size_t whole = text.rfind('\n') + 1;
+    lines.PushLines(text.substr(0, whole));
+    begun = text.substr(whole);
+    if (!is_room_made && whole > 0) {
+      // Files mostly tell how much is left; as many lines to a byte as here.
+      const auto left = std::max<std::streamsize>(in.rdbuf()->in_avail(), 0);
+      const std::size_t more =
+          static_cast<std::size_t>(left) / whole * lines.elements_.size();
+      lines.elements_.reserve(lines.elements_.size() + more + more / 16);
+      is_room_made = true;
+    }
   }
-  lines.PushLines(content);
+  if (!begun.empty()) {
+    lines.Push(SString(std::move(begun)));
+  }
   return in;
 }
 

@@ -91,6 +91,7 @@ class SStringList {
   [[nodiscard]] std::vector<SString>::const_iterator end() const;
 
   friend bool operator==(const SStringList& a, const SStringList& b);
+  friend std::istream& operator>>(std::istream& in, SStringList& lines);
 
  private:
   using Elements = std::vector<SString>;

@@ -183,6 +183,21 @@ TEST(SStringListTest, ReadingAndJoiningReproducesAFile) {
   }
 }
 
+TEST(SStringListTest, LongAndShortLinesAreReadAsTheyStand) {
+  for (const int length : {0, 1, 65534, 65535, 65536, 131071, 131072, 300000}) {
+    for (const char* rest : {"", "\n", "\nb", "\n\nb\n"}) {
+      const SString first('a', length);
+      std::istringstream in((first + rest).Std());
+      SStringList lines = "kept";
+      in >> lines;
+      ASSERT_EQ("kept" + first + rest, lines.Join()) << length << rest;
+      for (int i = 1; i + 1 < lines.Count(); ++i) {
+        ASSERT_EQ(lines[i].Length() - 1, lines[i].Index('\n', 0)) << length;
+      }
+    }
+  }
+}
+
 TEST(SStringListTest, WritesALineForEachElement) {
   std::ostringstream out;
   out << ListOf({"a", ""});
