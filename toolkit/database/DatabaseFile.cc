@@ -431,6 +431,7 @@ void SDatabaseFile::Forget() {
   damaged_ = false;
   replaced_ = false;
   tail_cleared_ = false;
+  reserved_end_ = 0;
   compaction_failed_ = false;
   sync_error_ = 0;
   ++generation_;

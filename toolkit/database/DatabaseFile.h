@@ -172,6 +172,7 @@ class SDatabaseFile {
   // Writing.
   std::string record_;
   std::uint64_t file_size_ = 0;
+  std::uint64_t reserved_end_ = 0;  // of what was taken by this writer
   bool tail_cleared_ = false;
   std::uint64_t synced_end_ = 0;
   std::int64_t synced_at_ = 0;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <optional>
 
 #include "toolkit/Signals.h"
 #include "toolkit/database/Bytes.h"
@@ -179,6 +180,7 @@ bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
     if (fallocate(fd_.Get(), 0, static_cast<off_t>(file_size_),
                   static_cast<off_t>(wanted - file_size_)) == 0) {
       file_size_ = wanted;
+      reserved_end_ = wanted;
       return true;
     }
   }
@@ -187,7 +189,11 @@ bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
 }
 
 bool SDatabaseFile::WriteAt(std::string_view bytes, std::uint64_t offset) {
-  const SFailAtSizeLimit no_signal;
+  // Below the end of space that was reserved there is no limit to meet.
+  std::optional<SFailAtSizeLimit> no_signal;
+  if (offset + bytes.size() > reserved_end_) {
+    no_signal.emplace();
+  }
   while (!bytes.empty()) {
     const ssize_t written = pwrite(fd_.Get(), bytes.data(), bytes.size(),
                                    static_cast<off_t>(offset));
