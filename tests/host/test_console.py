@@ -41,7 +41,7 @@ def test_the_end_of_other_input_asks_for_ever_but_slowly(host, stdin, times):
     run = host.run("Install", stdin=stdin, timeout=20,
                    until="[yes] \n" * (times + 1), **more)
     assert run.text.endswith("quit [yes] " + "\n[yes] " * times + "\n")
-    assert times - 1 <= time.monotonic() - start < times + 5
+    assert times - 1 <= time.monotonic() - start < times + 15
     assert run.status == -9
 
 

@@ -10,7 +10,7 @@ NUMBERS = [1, 2, 3, 15]
 
 
 def full_dialogue():
-    """The output of an installation, its lengths at the prompts, the answers."""
+    """The output of an installation, its lengths at prompts, the answers."""
     with Host() as host:
         run = host.run("Install", until="Starting vellumcraft")
     lengths = list(itertools.accumulate(

@@ -43,7 +43,7 @@ def test_started(host):
     host.install_server()
     start = time.monotonic()
     run = host.run_task("StartDaemon")
-    assert 4 <= time.monotonic() - start < 8
+    assert 4 <= time.monotonic() - start < 20
     assert run.output == started_screen("StartDaemon/started")
     assert (run.status, run.reminders, run.started) == (
         0, [], ["vellumcraft"])
@@ -119,7 +119,7 @@ def test_five_failures_to_make_a_process_give_up(host):
     start = time.monotonic()
     run = host.run_task("StartDaemon", env=environment(
         "fail", 1, calls="fork", errno="EAGAIN", times=5))
-    assert 15 <= time.monotonic() - start < 20
+    assert 15 <= time.monotonic() - start < 40
     check_screen(run, "StartDaemon/no_process")
     assert (run.status, run.started) == (255, [])
 
@@ -129,6 +129,6 @@ def test_a_later_attempt_may_succeed(host):
     start = time.monotonic()
     run = host.run_task("StartDaemon", env=environment(
         "fail", 1, calls="fork", errno="ENOMEM", times=2))
-    assert 1 + 2 + 4 <= time.monotonic() - start < 12
+    assert 1 + 2 + 4 <= time.monotonic() - start < 20
     assert run.output == started_screen("StartDaemon/started")
     assert (run.status, run.started) == (0, ["vellumcraft"])

@@ -25,7 +25,8 @@ def on_a_terminal(name, *typed):
     {"LANG": "C.UTF-8", "LC_ALL": "C.UTF-8"}, {"LANG": "tr_TR.UTF-8"},
     {"COLUMNS": "40", "LINES": "10"}])
 def test_the_screen_is_the_same_on_every_terminal(host, env):
-    run = host.run("Install", ["maybe", "x", "\xff", "no"], stdin="tty", env=env)
+    run = host.run("Install", ["maybe", "x", "\xff", "no"], stdin="tty",
+                   env=env)
     assert run.output == on_a_terminal(
         "FullInstall/asked_again", b"maybe", b"x", "\xff".encode(), b"no")
     assert run.status == 255
@@ -152,7 +153,9 @@ def test_a_users_line_is_there_before_the_work_on_that_user(host):
             break
         line = run.text.split("\n")[-1]
         seen += [line] if line not in seen else []
-    # The last write, with nothing unfinished on the screen, closes the database.
+    # The last write, with nothing unfinished on the screen, closes the
+    # database.
     assert seen == ["    root@example.com (root)....",
-                    "    ann@example.com (ANN)....", "    bob@example.com (BOB)....",
+                    "    ann@example.com (ANN)....",
+                    "    bob@example.com (BOB)....",
                     "    cat@example.com (CAT)....", ""]

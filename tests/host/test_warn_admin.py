@@ -11,7 +11,8 @@ def test_complete(host):
 
 def test_another_port_is_part_of_the_address(host):
     run = host.run_task("ConfigureFeatures+WarnAdmin", answers={
-        "change this information?": "yes", "Web port for configuration": "8080"})
+        "change this information?": "yes",
+        "Web port for configuration": "8080"})
     assert run.state["www_port"] == 8080
     assert run.output.endswith(
         (SCREENS / "WarnAdmin/complete_other_port.txt").read_bytes())
