@@ -75,9 +75,14 @@ def test_the_address_is_its_only_argument(host):
 
 
 def test_without_a_server_program_the_installer_cannot_tell(host):
-    run = host.run_task("StartDaemon", cwd="/")
+    run = host.run("/usr/bin/strace", cwd="/", args=[
+        "-f", "-qq", "-e", "trace=execve,exit_group", "-o", "/dev/shm/trace",
+        f"{BUILD}/run_task", "StartDaemon"])
     check_screen(run, "StartDaemon/started")
     assert (run.status, run.changes, run.errors) == (0, {}, b"")
+    trace = host.read("/dev/shm/trace").decode()
+    assert 'execve("vellumcraft", ["vellumcraft"], ' in trace
+    assert "exit_group(127)" in trace
 
 
 def test_a_running_server_is_told(host):
