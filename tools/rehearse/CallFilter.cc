@@ -40,7 +40,7 @@ sock_filter ReturnStep(std::uint32_t action) {
 
 // Both architectures are little-endian: the lower half comes first.
 std::size_t LowerHalf(unsigned argument) {
-  return offsetof(seccomp_data, args) + argument * 8U;
+  return offsetof(seccomp_data, args) + std::size_t{argument} * 8;
 }
 
 constexpr std::uint32_t FailAction(int error) {

@@ -1,9 +1,12 @@
 #include "tools/rehearse/CallerMemory.h"
 
-#include <sys/uio.h>
+#include <fcntl.h>
 
 #include <algorithm>
 #include <cstring>
+
+#include "tools/rehearse/Descriptor.h"
+#include "tools/rehearse/Processes.h"
 
 namespace {
 
@@ -14,15 +17,16 @@ constexpr std::size_t kMostStrings = 1000;
 
 // Page by page: a call that reaches an unmapped one reads nothing of it.
 std::string ReadMemory(pid_t process, std::uint64_t address, std::size_t size) {
+  const Descriptor memory(
+      open(ProcessFile(process, "mem").c_str(), O_RDONLY | O_CLOEXEC));
   std::string bytes;
   while (bytes.size() < size) {
     const std::uint64_t at = address + bytes.size();
     const std::size_t part = std::min<std::size_t>(
         size - bytes.size(), kPageBytes - at % kPageBytes);
     std::string page(part, '\0');
-    const iovec local = {page.data(), part};
-    const iovec remote = {reinterpret_cast<void*>(at), part};
-    const ssize_t n = process_vm_readv(process, &local, 1, &remote, 1, 0);
+    const ssize_t n =
+        pread(memory.Get(), page.data(), part, static_cast<off_t>(at));
     if (n <= 0) {
       return bytes;
     }

@@ -16,6 +16,10 @@ constexpr int kContext = 3;
 
 using Lines = std::vector<std::string_view>;
 
+std::size_t Index(int i) {
+  return static_cast<std::size_t>(i);
+}
+
 // With their line ends: a last line without one differs from one with it.
 Lines LinesOf(std::string_view text) {
   Lines lines;
@@ -54,8 +58,7 @@ class Way {
   [[nodiscard]] int Reached(int changes, int diagonal) const;
   [[nodiscard]] Entry EntryOf(int changes, int diagonal) const;
   [[nodiscard]] bool SameLine(int x, int y) const {
-    return before_[static_cast<std::size_t>(start_ + x)] ==
-           after_[static_cast<std::size_t>(start_ + y)];
+    return before_[Index(start_ + x)] == after_[Index(start_ + y)];
   }
 
   const Lines& before_;
@@ -86,8 +89,7 @@ void Way::SkipCommonEnds() {
 int Way::Reached(int changes, int diagonal) const {
   return std::abs(diagonal) > changes
              ? -1
-             : reached_[static_cast<std::size_t>(changes)]
-                       [static_cast<std::size_t>(diagonal + changes)];
+             : reached_[Index(changes)][Index(diagonal + changes)];
 }
 
 Way::Entry Way::EntryOf(int changes, int diagonal) const {
@@ -107,7 +109,7 @@ Way::Entry Way::EntryOf(int changes, int diagonal) const {
 bool Way::Search() {
   for (int changes = 0; changes <= std::min(kMostChanges, width_ + height_);
        ++changes) {
-    std::vector<int> reached(static_cast<std::size_t>(2 * changes + 1), -1);
+    std::vector<int> reached(Index(2 * changes + 1), -1);
     bool arrived = false;
     for (int diagonal = -changes; diagonal <= changes; diagonal += 2) {
       int x = EntryOf(changes, diagonal).x;
@@ -115,7 +117,7 @@ bool Way::Search() {
              SameLine(x, x - diagonal)) {
         ++x;
       }
-      reached[static_cast<std::size_t>(diagonal + changes)] = x;
+      reached[Index(diagonal + changes)] = x;
       arrived |= x == width_ && x - diagonal == height_;
     }
     reached_.push_back(std::move(reached));
@@ -158,6 +160,7 @@ std::vector<Step> Way::Find() {
     }
   }
   std::vector<Step> steps;
+  steps.reserve(before_.size() + middle_.size());
   for (int i = 0; i < start_; ++i) {
     steps.push_back({' ', i, i});
   }
@@ -181,7 +184,7 @@ std::string Range(int first, int count) {
 std::string HeadingAbove(const Lines& before, int line, char heading) {
   std::string text;
   while (heading != 0 && --line >= 0) {
-    const std::string_view above = before[static_cast<std::size_t>(line)];
+    const std::string_view above = before[Index(line)];
     if (above.front() == heading) {
       text = ' ';
       text += above.substr(0, above.find('\n'));
@@ -193,8 +196,7 @@ std::string HeadingAbove(const Lines& before, int line, char heading) {
 
 std::string LineOf(const Step& step, const Lines& before, const Lines& after) {
   const std::string_view line =
-      step.sign == '+' ? after[static_cast<std::size_t>(step.after)]
-                       : before[static_cast<std::size_t>(step.before)];
+      step.sign == '+' ? after[Index(step.after)] : before[Index(step.before)];
   std::string text(1, step.sign);
   text += line;
   if (!line.ends_with('\n')) {
@@ -215,7 +217,7 @@ std::string UnifiedDiff(const std::string& before, const std::string& after,
   const std::vector<Step> steps = Way(old_lines, new_lines).Find();
   const int count = static_cast<int>(steps.size());
   const auto is_change = [&steps](int i) {
-    return steps[static_cast<std::size_t>(i)].sign != ' ';
+    return steps[Index(i)].sign != ' ';
   };
   std::string text =
       "--- " + style.before_name + "\n+++ " + style.after_name + "\n";
@@ -233,12 +235,12 @@ std::string UnifiedDiff(const std::string& before, const std::string& after,
     int removed = 0;
     int added = 0;
     for (int k = first; k < end; ++k) {
-      const Step& step = steps[static_cast<std::size_t>(k)];
+      const Step& step = steps[Index(k)];
       lines += LineOf(step, old_lines, new_lines);
       removed += step.sign != '+' ? 1 : 0;
       added += step.sign != '-' ? 1 : 0;
     }
-    const Step& start = steps[static_cast<std::size_t>(first)];
+    const Step& start = steps[Index(first)];
     text += "@@ -" + Range(start.before, removed) + " +" +
             Range(start.after, added) + " @@" +
             HeadingAbove(old_lines, start.before, style.heading) + "\n" + lines;
