@@ -75,19 +75,19 @@ SStringList PostmasterAddresses(const SAccountDB& database,
   return addresses;
 }
 
-void AskPassword(SAccountMod* postmaster) {
+SString AskPassword(SAccountMod* postmaster) {
   while (true) {
     Print(pz_AskPassword);
     const SString password = GetInput("", 0);
     if (password.Length() >= kShortestPassword && !password.HasMatch("^\\s")) {
-      postmaster->Set("Password", password);
-      return;
+      static_cast<void>(postmaster->Set("Password", password));
+      return password;
     }
     PrintMessage(pz_NewPassword);
   }
 }
 
-void AskAccessDomains(SAccountMod* postmaster, SStringList current) {
+SStringList AskAccessDomains(SAccountMod* postmaster, SStringList current) {
   while (true) {
     const SStringList entries =
         Ask(pz_AskAccess, current.Join(",")).Split("[\\s,]+");
@@ -102,7 +102,8 @@ void AskAccessDomains(SAccountMod* postmaster, SStringList current) {
     PrintMessage(pz_AccessRejected);
     Print("     " + gstr_DomainName + ",123.45.60.1,123.45.60.64/26\n\n");
   }
-  postmaster->Set("Access-Domains", current);
+  static_cast<void>(postmaster->Set("Access-Domains", current));
+  return current;
 }
 
 PostmasterDeliveries AskPostmasters(const SAccountDB& database,

@@ -97,6 +97,17 @@ Stored StoreDeliveries(SAccountMod* postmaster,
   return SetDeliveries(postmaster, former) ? Stored::kOld : Stored::kNeither;
 }
 
+// What could not be stored when it was typed is tried once more: "completed"
+// is said of all of it.
+bool StoreMissing(SAccountMod* postmaster, const SString& password,
+                  const SStringList& access_domains) {
+  return (postmaster->Get("Password")[0] == password ||
+          postmaster->Set("Password", password)) &&
+         (postmaster->Get("Access-Domains").Join(",") ==
+              access_domains.Join(",") ||
+          postmaster->Set("Access-Domains", access_domains));
+}
+
 bool Report(Stored stored) {
   switch (stored) {
     case Stored::kNew:
@@ -125,12 +136,12 @@ bool Change(const SAccountDB& database, SAccountMod* postmaster, bool is_new,
   }
   PrintMessage(pz_EnterPassword);
   PrintMessage(pz_WillShow);
-  AskPassword(postmaster);
+  const SString password = AskPassword(postmaster);
   if (is_new) {
     PrintMessage(EnterAccessDomains());
     PrintMessage(pz_ReferToManual);
   }
-  AskAccessDomains(postmaster, access_domains);
+  const SStringList domains = AskAccessDomains(postmaster, access_domains);
   if (is_new) {
     PrintMessage(pz_ListPostmasters);
     PrintMessage(pz_SeparateByCommas);
@@ -141,7 +152,9 @@ bool Change(const SAccountDB& database, SAccountMod* postmaster, bool is_new,
     PrintMessage(pz_NoValidAddress);
     return true;
   }
-  return Report(StoreDeliveries(postmaster, wanted, former));
+  return Report(StoreMissing(postmaster, password, domains)
+                    ? StoreDeliveries(postmaster, wanted, former)
+                    : Stored::kOld);
 }
 
 }  // namespace

@@ -60,6 +60,7 @@ FOUND = [
     ("fail", "open", "/config/Account-Manager"),  # settings not preserved
     ("kill", "linkat", ".forward.NOTICE"),        # an empty notice for ever
     ("kill", "pwrite", "/config/Accounts"),       # Postmaster's mail nowhere
+    ("fail", "pwrite", "/config/Accounts"),       # "completed" without password
     ("signal", "fsync", "/control/"),             # half a request left
 ]
 

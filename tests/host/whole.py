@@ -128,7 +128,7 @@ class Whole:
         host = self.host
         for pid, name in host.processes().items():
             if name in ("vellumcraft", "sendmail", "inetd"):
-                host.ask("send_signal", pid=pid, number=9)
+                host.sh(f"kill -9 {pid}", check=False)  # may be gone by now
                 while host.ask("alive", pid=pid):
                     time.sleep(0.002)
         host.sh(f"rm -rf {' '.join(ROOTS)} {INETD}.* {SENDMAIL}.* {LOG} && "
