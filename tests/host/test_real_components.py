@@ -34,8 +34,8 @@ def download(package):
 
 
 def unpack(host, package):
-    host.sh(f"for deb in {download(package)}/*.deb; do"
-            " dpkg-deb --fsys-tarfile $deb |"
+    host.sh(f"for deb in '{download(package)}'/*.deb; do"
+            " dpkg-deb --fsys-tarfile \"$deb\" |"
             " tar -x --keep-directory-symlink -C / || exit; done")
 
 
