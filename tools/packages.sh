@@ -1,4 +1,6 @@
 # shellcheck shell=bash
+# What ./run-demo and ./run-tests share before they build.
+
 # install_packages NAME...: installs the Debian packages that are missing and
 # says so; as root, or through sudo.
 install_packages() {
@@ -20,7 +22,34 @@ install_packages() {
     as_root=(sudo)
   fi
   echo "Installing Debian packages: ${missing[*]}"
-  "${as_root[@]}" apt-get update -q >/dev/null
+  # Another run may be reading the lists just now; they needn't be the newest.
+  "${as_root[@]}" apt-get update -q >/dev/null || true
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -qy \
-    --no-install-recommends "${missing[@]}" >/dev/null
+    -o DPkg::Lock::Timeout=600 --no-install-recommends "${missing[@]}" \
+    >/dev/null
+}
+
+# leave_read_only_checkout ARGUMENT...: where nothing can be built in, goes on
+# with the same script in a copy of the checkout.
+leave_read_only_checkout() {
+  if [ -w . ]; then
+    return 0
+  fi
+  local copy
+  copy=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/vellumcraft-setup
+  copy=$copy/$(pwd | cksum | tr ' ' -)
+  echo "This checkout can't be written to; working in its copy $copy"
+  mkdir -p "$copy"
+  tar -c --exclude='./build*' . | tar -x -C "$copy"
+  exec "$copy/${0##*/}" "$@"
+}
+
+# wait_for_turn FILE: returns when no other run holds the lock; it lasts as long
+# as descriptor 9 is open.
+wait_for_turn() {
+  exec 9>"$1"
+  if ! flock -n 9; then
+    echo "Waiting for another run in this checkout ..."
+    flock 9
+  fi
 }
