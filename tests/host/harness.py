@@ -19,6 +19,7 @@ import re
 import signal
 import struct
 import subprocess
+import tempfile
 import time
 
 REPO = pathlib.Path(__file__).resolve().parent.parent.parent
@@ -30,6 +31,14 @@ TASK_STATE = "/dev/shm/task-state"
 ENVIRONMENT = {
     "HOME": "/root", "LANG": "C", "LOGNAME": "root", "TERM": "vt100",
     "PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "TZ": "UTC0", "USER": "root"}
+
+
+# Where tools/coverage gathers what programs ran on the hosts, and where they
+# leave it there.
+COVERAGE = os.environ.get("VC_COVERAGE")
+COUNTERS = "/dev/shm/counters"
+if COVERAGE:
+    ENVIRONMENT["GCOV_PREFIX"] = COUNTERS
 
 
 class HostError(Exception):
@@ -146,6 +155,8 @@ class Host:
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
             cwd="/", env=ENVIRONMENT)
         self.daemons = 0
+        if COVERAGE:
+            self._make_room_for_counters()
 
     def __enter__(self):
         return self
@@ -154,6 +165,8 @@ class Host:
         self.close()
 
     def close(self):
+        if COVERAGE:
+            self._bring_counters()
         self.process.stdin.close()
         try:
             self.process.wait(10)
@@ -161,6 +174,23 @@ class Host:
             self.process.kill()
             self.process.wait()
         self.process.stdout.close()
+
+    def _make_room_for_counters(self):
+        """Programs leave counters as whoever they are when they end."""
+        self.mkdir(COUNTERS, 0o1777)
+        self.sh(f"find '{BUILD}' -name '*.gcno' -printf '%h\\n' | sort -u | "
+                f"sed 's|^|{COUNTERS}|' | xargs mkdir -p; "
+                f"chmod -R 1777 {COUNTERS}")
+
+    def _bring_counters(self):
+        try:
+            archive = self.ask(
+                "sh", command=f"tar -C {COUNTERS} -cf - .", stdin=b"")[1]
+        except HostError:
+            return
+        with tempfile.NamedTemporaryFile(
+                dir=COVERAGE, suffix=".tar", delete=False) as file:
+            file.write(archive)
 
     def ask(self, name, **arguments):
         """Has the agent on the host do something; its result."""
