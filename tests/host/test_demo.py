@@ -109,3 +109,15 @@ def test_a_wrong_option_is_refused():
     done = run_demo("--bogus")
     assert done.returncode == 2
     assert done.stderr == "usage: ./run-demo [--twice]\n"
+
+
+def test_a_container_without_name_spaces_is_told_so():
+    done = subprocess.run(
+        ["setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin",
+         str(REPO / "run-demo")], stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=600,
+        check=False, text=True, cwd="/")
+    assert done.returncode == 125
+    assert done.stderr.startswith(
+        "rehearse: needs the right to make name spaces (a container may lack "
+        "it); nothing was run")
