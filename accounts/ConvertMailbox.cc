@@ -143,8 +143,13 @@ bool MoveMessages(SSpoolFile* spool, const SString& directory,
   SMailboxReader reader(mailbox);
   if (!CopyMessages(spool, mailbox, &reader, buffer) ||
       !mailbox->Publish(spool->Version())) {
-    FailToCreate(mailbox->FailedMessage().IsEmpty() ? directory
-                                                    : mailbox->FailedMessage());
+    if (spool->HasReadError()) {
+      FailToOpen(spool->Path(), errno);
+    } else {
+      FailToCreate(mailbox->FailedMessage().IsEmpty()
+                       ? directory
+                       : mailbox->FailedMessage());
+    }
     mailbox->Undo();
     return false;
   }

@@ -27,6 +27,9 @@ constexpr int kPasswordPadding = 38;
 constexpr const char* pz_NotConverted =
     "Error: Unable to convert user's mailbox to Vellumcraft's POP format!\n";
 
+constexpr const char* pz_NotOnDisk =
+    "Error: couldn't write the last accounts to disk!\n";
+
 // Only such a login names a file of the spool directory.
 bool IsPlainName(const SString& login) {
   return !login.IsEmpty() && login.Count('/') == 0 && !(login == ".") &&
@@ -50,6 +53,21 @@ SString AccountWith(const SAccountDB& database, const SStringList& addresses) {
     }
   }
   return {};
+}
+
+// An account that was made for the login, not one that has its address for
+// another reason.
+bool IsAccountOf(const SAccountDB& database, const SString& uid,
+                 const SString& login) {
+  SAccount account;
+  if (!database.GetAccountInfo(uid, &account)) {
+    return false;
+  }
+  const SStringList pop_login = account.Get("POP-Address");
+  const SStringList unix_login = account.Get("UNIX-UserName");
+  return account.Get("Local-Delivery").Contains("Mailbox") &&
+         (pop_login.Contains(login) || unix_login.Contains(login) ||
+          (pop_login.IsEmpty() && unix_login.IsEmpty()));
 }
 
 void CheckSpool(const SString& path, const SCandidate& user, uid_t uid,
@@ -119,7 +137,8 @@ void CreateUserAccount(SAccountDBMod* database, SUserImport* import,
   }
   if (!existing.IsEmpty()) {
     Print("already exists\n");
-    if (converts && !ResumeConversion(spool, existing)) {
+    if (converts && IsAccountOf(*database, existing, user.login) &&
+        !ResumeConversion(spool, existing)) {
       Print(pz_NotConverted);
     }
     return;
@@ -158,5 +177,7 @@ void CreateUserAccounts(SAccountDBMod* database, SUserImport* import) {
       CreateUserAccount(database, import, user, ids);
     }
   }
-  database->CloseDB();
+  if (!database->CloseDB()) {
+    Print(pz_NotOnDisk);
+  }
 }

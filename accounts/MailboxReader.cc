@@ -8,7 +8,7 @@ namespace {
 constexpr std::string_view kSeparator = "From ";
 
 bool IsBlank(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
+  return c == ' ' || c == '\t' || c == '\n' || c == '\f' || c == '\r';
 }
 
 }  // namespace

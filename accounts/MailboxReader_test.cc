@@ -50,7 +50,7 @@ Result ReadByTheRules(const std::string& mailbox) {
     const std::size_t end = std::min(mailbox.find('\n', at), mailbox.size());
     std::string line = mailbox.substr(at, end - at);
     at = end + 1;
-    if (before && line.find_first_not_of(" \t\r\f\v") == std::string::npos) {
+    if (before && line.find_first_not_of(" \t\r\f") == std::string::npos) {
       continue;
     }
     const bool separates = line.substr(0, 5) == "From ";
@@ -109,7 +109,7 @@ TEST(MailboxReaderTest, OtherFormatsAreNotRecognized) {
   for (const char* mailbox :
        {"x", "\n\n x\n", " From a\n", "\tFrom a\n", "from a\n", "From",
         "From\n", "From\ta\n", "MMDF\nFrom a\n", "F", ">From a\n",
-        "\r\rFrom a\n"}) {
+        "\v\nFrom a\n", "\n\v", "\r\rFrom a\n"}) {
     for (std::size_t piece = 1; piece < 8; ++piece) {
       const Result result = Read(mailbox, piece);
       EXPECT_TRUE(result.is_unrecognized) << mailbox << " by " << piece;

@@ -28,6 +28,10 @@ SString LockText(const SString& process_id) {
   return process_id + "\nVellumcraft installation on " + gstr_HostName + "\n";
 }
 
+bool IsSameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 bool IsRunning(const SString& process_id) {
   const long number = std::strtol(process_id, nullptr, 10);
   return number <= 0 || kill(static_cast<pid_t>(number), 0) == 0 ||
@@ -40,7 +44,11 @@ SSpoolFile::~SSpoolFile() {
   if (has_dot_lock_) {
     const int former_errno = errno;
     const SActAs as_root(SActAs::Root{});
-    RemoveFile(LockPath());
+    // An agent that took our lock for a dead one has its own there now.
+    struct stat status = {};
+    if (lstat(LockPath(), &status) == 0 && IsSameFile(status, dot_lock_)) {
+      RemoveFile(LockPath());
+    }
     errno = former_errno;
   }
 }
@@ -49,7 +57,7 @@ bool SSpoolFile::NamesThisFile() const {
   struct stat named = {};
   struct stat open = {};
   return lstat(path_, &named) == 0 && fstat(file_.Get(), &open) == 0 &&
-         named.st_dev == open.st_dev && named.st_ino == open.st_ino;
+         IsSameFile(named, open);
 }
 
 bool SSpoolFile::IsLockLeft(struct stat* status) const {
@@ -88,9 +96,7 @@ void SSpoolFile::RemoveLeftLock() const {
   if (!Rename(LockPath(), aside)) {
     return;
   }
-  const bool is_left = lstat(aside, &moved) == 0 &&
-                       moved.st_dev == left.st_dev &&
-                       moved.st_ino == left.st_ino;
+  const bool is_left = lstat(aside, &moved) == 0 && IsSameFile(moved, left);
   if (is_left || link(aside, LockPath()) == 0) {
     RemoveFile(aside);
   }
@@ -102,6 +108,9 @@ bool SSpoolFile::TakeDotLock() {
   if (!has_dot_lock_ && errno != EEXIST) {
     // On a full disk there may be room for a lock without text.
     has_dot_lock_ = CreateWholeFile(LockPath(), kLockMode, "");
+  }
+  if (has_dot_lock_ && lstat(LockPath(), &dot_lock_) != 0) {
+    has_dot_lock_ = false;
   }
   return has_dot_lock_;
 }
@@ -147,6 +156,7 @@ ssize_t SSpoolFile::Read(char* buffer, std::size_t size) {
   do {
     n = pread(file_.Get(), buffer, size, offset_);
   } while (n < 0 && errno == EINTR);
+  has_read_error_ = n < 0;
   offset_ += n > 0 ? n : 0;
   return n;
 }

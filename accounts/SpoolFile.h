@@ -29,11 +29,14 @@ class SSpoolFile {
   void RemoveLeftLock() const;
   /// Bytes read into `buffer`, 0 at the present end, -1 on an error.
   [[nodiscard]] ssize_t Read(char* buffer, std::size_t size);
+  /// True when a `Read` has failed.
+  [[nodiscard]] bool HasReadError() const { return has_read_error_; }
   /// Begins again at the first byte.
   void Rewind() { offset_ = 0; }
   /// True when there is nothing behind what was read, or when that can't be told
   /// (`Remove` then fails).
   [[nodiscard]] bool IsAtEnd() const;
+  [[nodiscard]] const SString& Path() const { return path_; }
   /// What tells the file in this state from every other: its inode, size and
   /// time of change; "" when that can't be told.
   [[nodiscard]] SString Version() const;
@@ -50,5 +53,7 @@ class SSpoolFile {
   SString path_;
   SDescriptor file_;
   bool has_dot_lock_ = false;
+  struct stat dot_lock_ = {};
+  bool has_read_error_ = false;
   off_t offset_ = 0;
 };

@@ -97,7 +97,11 @@ FILE* OpenPasswordFile(const SString& path) {
       S_ISDIR(status.st_mode)) {
     return nullptr;
   }
-  return fdopen(file.Release(), "r");
+  FILE* stream = fdopen(file.Get(), "r");
+  if (stream != nullptr) {
+    file.Release();
+  }
+  return stream;
 }
 
 // Takes entries of the password database in and sorts them.

@@ -73,8 +73,9 @@ bool PrepareProcess(RunMode mode) {
     return false;
   }
   umask(S_IRWXO);
-  ResetInheritedSignals();
+  // In this order: what the starter left pending must meet a handler.
   SetupSignalHandler();
+  ResetInheritedSignals();
   return true;
 }
 

@@ -11,12 +11,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "console/Console.h"
 #include "driver/Settings.h"
 #include "toolkit/Files.h"
 #include "toolkit/Privileges.h"
+#include "toolkit/Signals.h"
 
 namespace {
+
+constexpr mode_t kMode = S_IRWXU | S_IRWXG;
 
 constexpr const char* pz_Checking = "Checking for Mailbox directory.... ";
 constexpr const char* pz_Creating = "Creating Mailbox directory.... ";
@@ -59,6 +64,22 @@ bool GiveToMailOwner(const SString& path) {
          status.st_uid == 0 && fchown(made.Get(), gn_MailUID, gn_MailGID) == 0;
 }
 
+// Makes a directory beside the path, under a name that a later run finds again
+// if this one is killed; its name, "" when it can't be made.
+SString MakeBeside(const SString& path) {
+  for (const SString& name :
+       {path + ".new", path + ".new" + SString(static_cast<int>(getpid()))}) {
+    if (MakeDir(name, kMode) ||
+        (errno == EEXIST && rmdir(name) == 0 && MakeDir(name, kMode))) {
+      return name;
+    }
+    if (errno != EEXIST && errno != ENOTEMPTY && errno != ENOTDIR) {
+      break;
+    }
+  }
+  return {};
+}
+
 enum class Made { kNo, kNotGiven, kYes };
 
 // Under another name until it is the mail owner's: a directory that is found is
@@ -66,15 +87,15 @@ enum class Made { kNo, kNotGiven, kYes };
 Made MakeMailboxDir() {
   SString path = gstr_MailboxDir;
   path.S("/+$", "");
-  const SString temporary = path + ".new";
   const SActAs as_root{SActAs::Root()};
-  rmdir(temporary);
-  if (!MakeDir(temporary, S_IRWXU | S_IRWXG)) {
+  const SHoldSignals until_named;
+  const SString made = MakeBeside(path);
+  if (made.IsEmpty()) {
     return Made::kNo;
   }
-  const bool given = GiveToMailOwner(temporary);
-  if (!Rename(temporary, path)) {
-    rmdir(temporary);
+  const bool given = GiveToMailOwner(made);
+  if (!RenameToFreeName(made, path)) {
+    rmdir(made);
     return Made::kNo;
   }
   return given ? Made::kYes : Made::kNotGiven;

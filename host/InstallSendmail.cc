@@ -158,24 +158,14 @@ bool ExchangeForLink(const SString& backup) {
   return false;
 }
 
-// A rename that replaces nothing.
-bool MoveAside(const SString& backup) {
-  if (renameat2(AT_FDCWD, gstr_Sendmail, AT_FDCWD, backup, RENAME_NOREPLACE) ==
-      0) {
-    return true;
-  }
-  const bool is_known = errno != EINVAL && errno != ENOSYS;
-  return !is_known && Rename(gstr_Sendmail, backup);
-}
-
 bool ReplaceByLink() {
   const SActAs as_root(SActAs::Root{});
   const SHoldSignals until_linked;
   const SString backup = FirstFreeBackupName();
   // File systems that can't exchange two names have the slower way.
   const bool linked =
-      ExchangeForLink(backup) ||
-      (MoveAside(backup) && symlink(LinkTarget(), gstr_Sendmail) == 0);
+      ExchangeForLink(backup) || (RenameToFreeName(gstr_Sendmail, backup) &&
+                                  symlink(LinkTarget(), gstr_Sendmail) == 0);
   static_cast<void>(SyncDirectoryOf(gstr_Sendmail));
   return linked;
 }

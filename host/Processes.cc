@@ -165,6 +165,8 @@ bool Run(const SString& command, Kind kind, SStringList* lines) {
     return false;
   }
   *lines = CutIntoLines(ReadToEnd(output.Get()));
+  // A command that still writes must not wait for a reader.
+  static_cast<void>(output.Close());
   const int status = Wait(shell);
   return status != kCannotExecute && status != kNotFound;
 }

@@ -32,22 +32,41 @@ constexpr mode_t kPermissionBits = 07777;
 // A path that has become a FIFO or a terminal is refused, not waited for.
 constexpr int kCautiously = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
+bool IsSameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 bool NamesSameFile(const SString& path, int fd) {
   struct stat named = {};
   struct stat open = {};
   return stat(path, &named) == 0 && fstat(fd, &open) == 0 &&
-         named.st_dev == open.st_dev && named.st_ino == open.st_ino;
+         IsSameFile(named, open);
+}
+
+bool AreSameFile(int a, int b) {
+  struct stat first = {};
+  struct stat second = {};
+  return fstat(a, &first) == 0 && fstat(b, &second) == 0 &&
+         IsSameFile(first, second);
+}
+
+bool IsLockUnknown(int error) {
+  return error == EBADF || error == ENOLCK || error == EOPNOTSUPP ||
+         error == ENOSYS || error == EINVAL;
 }
 
 // Editors lock with one of two calls that know nothing of each other.  The
 // lock of the second is for reading because the file is open for reading; it
 // keeps writers out all the same.
+//
+// Where the file system has no locks, or only for files open for writing, nobody
+// else can hold one.
 bool LockAgainstEditors(int fd) {
   struct flock lock = {};
   lock.l_type = F_RDLCK;
   lock.l_whence = SEEK_SET;
-  return flock(fd, LOCK_EX | LOCK_NB) == 0 &&
-         fcntl(fd, F_OFD_SETLK, &lock) == 0;
+  return (flock(fd, LOCK_EX | LOCK_NB) == 0 || IsLockUnknown(errno)) &&
+         (fcntl(fd, F_OFD_SETLK, &lock) == 0 || IsLockUnknown(errno));
 }
 
 bool ReadContent(int fd, std::string* content) {
@@ -107,7 +126,8 @@ SString SaveBackup(const SString& path, const std::string& content) {
   if (!backup.IsOpen()) {
     return "";
   }
-  if (WriteAll(backup.Get(), content) && fsync(backup.Get()) == 0 &&
+  if (WriteAll(backup.Get(), content) &&
+      TEMP_FAILURE_RETRY(fsync(backup.Get())) == 0 &&
       Holds(backup.Get(), content) && backup.Close() && SyncDirectoryOf(name)) {
     return name;
   }
@@ -131,7 +151,7 @@ bool MakeWriteable(int fd, mode_t* mode, bool* changed) {
 // until that is overwritten.
 SDescriptor OpenForWriting(const SString& path, int same_file) {
   SDescriptor file(open(path, O_WRONLY | kCautiously));
-  if (file.IsOpen() && NamesSameFile(path, same_file)) {
+  if (file.IsOpen() && AreSameFile(file.Get(), same_file)) {
     return file;
   }
   return SDescriptor();
@@ -141,7 +161,8 @@ SDescriptor OpenForWriting(const SString& path, int same_file) {
 bool ReserveSpace(int fd, std::size_t size) {
   const SFailAtSizeLimit no_signal;
   if (size == 0 ||
-      fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size)) == 0) {
+      TEMP_FAILURE_RETRY(fallocate(fd, FALLOC_FL_KEEP_SIZE, 0,
+                                   static_cast<off_t>(size))) == 0) {
     return true;
   }
   return errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL;
@@ -150,8 +171,9 @@ bool ReserveSpace(int fd, std::size_t size) {
 bool Store(SDescriptor file, const std::string& content) {
   const int fd = file.Get();
   return ReserveSpace(fd, content.size()) && WriteAll(fd, content) &&
-         ftruncate(fd, static_cast<off_t>(content.size())) == 0 &&
-         fsync(fd) == 0 && file.Close();
+         TEMP_FAILURE_RETRY(
+             ftruncate(fd, static_cast<off_t>(content.size()))) == 0 &&
+         TEMP_FAILURE_RETRY(fsync(fd)) == 0 && file.Close();
 }
 
 // Replaces the content of the locked file, or puts the old one back.

@@ -166,7 +166,7 @@ class Reader {
   bool EndsElement() const {
     return AtEnd() || Now().Is(',') || (in_group_ && Now().Is(';'));
   }
-  // Whether a phrase and then `special` come next.
+  // Whether a phrase, if any, and then `special` come next.
   bool PhraseLeadsTo(char special) const;
   void SkipPhrase();
   bool ReadDotted(SString* text, bool is_domain);
@@ -252,7 +252,7 @@ bool Reader::ReadElement(Mailbox* mailbox, bool* good) {
     in_group_ = false;
     return false;
   }
-  if (!in_group_ && PhraseLeadsTo(':')) {
+  if (!in_group_ && !Now().Is(':') && PhraseLeadsTo(':')) {
     SkipPhrase();
     Take(':');
     in_group_ = true;

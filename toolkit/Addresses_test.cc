@@ -60,6 +60,7 @@ TEST(AddressesTest, ListsAsPeopleTypeThem) {
       {"bad bad, ann", "<> | ann"},
       {"<bad bad>, ann", "<> | ann"},
       {"g: bad bad, ann;, bob", "<> | ann | bob"},
+      {":ann, bob", "<> | bob"},
   };
   for (const Case& c : kCases) {
     EXPECT_EQ(Parsed(c.text), c.want) << c.text;

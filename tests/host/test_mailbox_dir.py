@@ -69,6 +69,19 @@ def test_something_else_stands_there(host, instead):
     assert run.reminders == create_reminders(DIRECTORY)
 
 
+@pytest.mark.parametrize("left", [
+    f"mkdir {DIRECTORY}.new", f"mkdir -p {DIRECTORY}.new/kept",
+    f"echo kept > {DIRECTORY}.new", f"ln -s nowhere {DIRECTORY}.new"])
+def test_the_name_beside_it_is_taken(host, left):
+    host.sh(left)
+    run = host.run_task("CreateMailboxDir")
+    assert "Creating Mailbox directory.... OK\n" in run.text
+    made = run.changes.pop(DIRECTORY)
+    assert (made.kind, made.mode, made.owner) == ("created", 0o770, "vmail")
+    assert set(run.changes) <= {DIRECTORY + ".new"}
+    assert host.exists(DIRECTORY + ".new") == (not left.startswith("mkdir /"))
+
+
 def test_mkdir_failed(host):
     run = host.run_task("CreateMailboxDir", env=environment(
         "fail", 1, calls="mkdir", errno="ENOSPC"))

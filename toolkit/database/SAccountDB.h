@@ -104,10 +104,10 @@ class SAccountDBMod : public SAccountDB {
   SAccountDBMod();
   ~SAccountDBMod() override;
 
-  /// Waits until no other process changes the database and keeps the others
-  /// from it to `CloseDB`; the first change does so by itself.  What was looked
-  /// up before may have changed.  False with `errno` set when the database can't
-  /// be changed.
+  /// Waits, a second at most, until no other process changes the database and
+  /// keeps the others from it to `CloseDB`; the first change does so by itself.
+  /// What was looked up before may have changed.  False with `errno` set when the
+  /// database can't be changed, `EWOULDBLOCK` when another process still does.
   [[nodiscard]] bool BecomeWriter();
   /// Opens the account for changes through `account`; a UID without account
   /// begins a new one, which exists only after `Lock`.  False with `errno` set
