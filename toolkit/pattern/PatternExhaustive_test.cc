@@ -15,6 +15,15 @@
 
 namespace {
 
+// The sanitizers take ten times as long; they look for slips, not for matches.
+#ifdef __SANITIZE_ADDRESS__
+constexpr std::size_t kSpared = 1;
+constexpr int kRandomPatterns = 10000;
+#else
+constexpr std::size_t kSpared = 0;
+constexpr int kRandomPatterns = 60000;
+#endif
+
 // Strings put together; + with a literal in front upsets g++ 12's warnings.
 std::string Join(std::initializer_list<std::string_view> pieces) {
   std::string joined;
@@ -138,7 +147,7 @@ bool Agrees(const std::string& expression,
 void ExpectAllAgree(Patterns patterns, std::size_t largest,
                     const std::vector<std::string>& texts) {
   std::size_t count = 0;
-  for (std::size_t size = 1; size <= largest; ++size) {
+  for (std::size_t size = 1; size <= largest - kSpared; ++size) {
     for (const std::string& expression : patterns.OfSize(size)) {
       ++count;
       ASSERT_TRUE(Agrees(expression, texts));
@@ -290,7 +299,7 @@ class Peer {
 TEST(PatternExhaustiveTest, RandomPatternsMatchAsInPcre2) {
   RandomPatterns random(20261121);
   int compared = 0;
-  for (int i = 0; i < 60000; ++i) {
+  for (int i = 0; i < kRandomPatterns; ++i) {
     const std::string expression = random.Make(3);
     pattern::Code code;
     pattern::Compile(expression, &code);
