@@ -78,7 +78,7 @@ SStringList PostmasterAddresses(const SAccountDB& database,
 SString AskPassword(SAccountMod* postmaster) {
   while (true) {
     Print(pz_AskPassword);
-    const SString password = GetInput("", 0);
+    SString password = GetInput("", 0);
     if (password.Length() >= kShortestPassword && !password.HasMatch("^\\s")) {
       static_cast<void>(postmaster->Set("Password", password));
       return password;

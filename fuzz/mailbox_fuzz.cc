@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::string_view kBlanks = " \t\n\r\f\v";
+constexpr std::string_view kBlanks = " \t\n\r\f";
 
 class Messages : public SMailboxReader::Sink {
  public:

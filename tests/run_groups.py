@@ -175,9 +175,11 @@ def main(arguments):
         else:
             quiet_groups += unit_groups(asan, "sanitized")
             quiet_groups += fuzz_groups(asan)
-        quiet_groups.append(Group("check", ["tools/check"], "plain"))
+        waiting_groups.append(
+            Group("check", ["nice", "tools/check"], "plain"))
 
-    # Host tests mostly wait for the programs that they watch.
+    # Host tests mostly wait for the programs that they watch; the check takes
+    # what they leave.
     sums = [0, failed_builds, 0]
     for groups, workers in ((quiet_groups, 2), (waiting_groups, 4)):
         chosen = longest_first(

@@ -19,7 +19,7 @@ constexpr const char* kBodySuffix = "-Body";
 
 std::string SettingsFile(const std::vector<std::string>& program) {
   for (std::size_t i = 1; i < program.size(); ++i) {
-    const std::string file = kSettings + ("-" + program[i]);
+    std::string file = kSettings + ("-" + program[i]);
     if (access(file.c_str(), F_OK) == 0) {
       return file;
     }
