@@ -87,16 +87,6 @@ bool SetDeliveries(SAccountMod* postmaster,
                                   {"Channel-Delivery", deliveries.channels}});
 }
 
-Stored StoreDeliveries(SAccountMod* postmaster,
-                       const PostmasterDeliveries& wanted,
-                       const PostmasterDeliveries& former) {
-  const SHoldSignals until_stored;
-  if (SetDeliveries(postmaster, wanted)) {
-    return Stored::kNew;
-  }
-  return SetDeliveries(postmaster, former) ? Stored::kOld : Stored::kNeither;
-}
-
 // What could not be stored when it was typed is tried once more: "completed"
 // is said of all of it.
 bool StoreMissing(SAccountMod* postmaster, const SString& password,
@@ -106,6 +96,18 @@ bool StoreMissing(SAccountMod* postmaster, const SString& password,
          (postmaster->Get("Access-Domains").Join(",") ==
               access_domains.Join(",") ||
           postmaster->Set("Access-Domains", access_domains));
+}
+
+Stored Store(SAccountMod* postmaster, const SString& password,
+             const SStringList& access_domains,
+             const PostmasterDeliveries& wanted,
+             const PostmasterDeliveries& former) {
+  const SHoldSignals until_stored;
+  if (StoreMissing(postmaster, password, access_domains) &&
+      SetDeliveries(postmaster, wanted)) {
+    return Stored::kNew;
+  }
+  return SetDeliveries(postmaster, former) ? Stored::kOld : Stored::kNeither;
 }
 
 bool Report(Stored stored) {
@@ -152,9 +154,7 @@ bool Change(const SAccountDB& database, SAccountMod* postmaster, bool is_new,
     PrintMessage(pz_NoValidAddress);
     return true;
   }
-  return Report(StoreMissing(postmaster, password, domains)
-                    ? StoreDeliveries(postmaster, wanted, former)
-                    : Stored::kOld);
+  return Report(Store(postmaster, password, domains, wanted, former));
 }
 
 }  // namespace

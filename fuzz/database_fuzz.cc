@@ -162,6 +162,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
   }
   Recover(path, sound);
   unlink(path.c_str());
-  unlink((path + ".new").c_str());
+  unlink((path + ".unfinished").c_str());
   return 0;
 }

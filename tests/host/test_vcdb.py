@@ -107,6 +107,18 @@ def test_text_that_is_refused(place, text, problem):
     assert dump(path) == TEXT and os.listdir(place) == ["db"]
 
 
+@pytest.mark.parametrize("unreadable", ["</", "<&-"])
+def test_input_that_cannot_be_read_changes_nothing(place, unreadable):
+    path = place / "Dispatch"
+    load(path)
+    former = path.read_bytes()
+    done = subprocess.run(f"'{VCDB}' load {path} {unreadable}", shell=True,
+                          capture_output=True, check=False)
+    assert (done.returncode, done.stdout, done.stderr) == complaint(
+        path, "the input can't be read")
+    assert path.read_bytes() == former
+
+
 @pytest.mark.parametrize("mask", [0, 0o027, 0o777])
 def test_a_new_database_has_its_mode_whatever_the_mask(place, mask):
     for name, arguments in (("load", ()), ("set", ("/a", "k"))):

@@ -188,7 +188,7 @@ class Whole:
     def databases(self):
         """{name: text} of the databases that are there; None if not sound."""
         names = [name for name in self.host.listdir(CONFIG)
-                 if name != "__PRESERVE__" and ".new" not in name]
+                 if name != "__PRESERVE__" and ".unfinished" not in name]
         text = self.host.sh(
             f"cd {CONFIG}; for f in {' '.join(names)}; do echo \"== $f\";"
             f"'{BUILD}/vcdb' check $f >/dev/null 2>&1 && "

@@ -20,7 +20,7 @@ using namespace database_format;
 namespace {
 
 constexpr mode_t kFileMode = 0640;
-constexpr char kTemporarySuffix[] = ".new";
+constexpr char kTemporarySuffix[] = ".unfinished";
 
 bool IsSameFile(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;

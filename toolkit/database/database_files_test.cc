@@ -231,7 +231,7 @@ TEST_F(DatabaseFilesTest, AWriterOfARenamedFileLeavesTheNewOneAlone) {
   ASSERT_TRUE(writer.CloseDB());
   EXPECT_EQ("/Config\nKey\n\tnew\n", Text(Path("Dispatch")));
   EXPECT_EQ("/Config\nKey\n\tlate\n", Text(Path("Dispatch.backup")));
-  EXPECT_FALSE(fs::exists(Path("Dispatch.new")));
+  EXPECT_FALSE(fs::exists(Path("Dispatch.unfinished")));
 }
 
 TEST_F(DatabaseFilesTest, ProcessesThatRaceToMakeTheFileLoseNothing) {
