@@ -32,14 +32,27 @@ install_packages() {
 # leave_read_only_checkout ARGUMENT...: where nothing can be built in, goes on
 # with the same script in a copy of the checkout.
 leave_read_only_checkout() {
-  if [ -w . ]; then
-    return 0
+  if [ ! -w . ]; then
+    go_on_in_copy "This checkout can't be written to" "$@"
   fi
-  local copy
+}
+
+# leave_path_with_blanks ARGUMENT...: the same where the path holds a blank or a
+# colon, which the path of a preloaded library can't.
+leave_path_with_blanks() {
+  if [[ $PWD == *[[:blank:]:]* ]]; then
+    go_on_in_copy "The path of this checkout holds blanks or colons" "$@"
+  fi
+}
+
+go_on_in_copy() {
+  local reason=$1 copy
+  shift
   copy=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/vellumcraft-setup
   copy=$copy/$(pwd | cksum | tr ' ' -)
-  echo "This checkout can't be written to; working in its copy $copy"
+  echo "$reason; working in its copy $copy"
   mkdir -p "$copy"
+  find "$copy" -mindepth 1 -maxdepth 1 ! -name 'build*' -exec rm -rf {} +
   tar -c --exclude='./build*' . | tar -x -C "$copy"
   exec "$copy/${0##*/}" "$@"
 }
