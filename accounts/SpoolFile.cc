@@ -28,10 +28,6 @@ SString LockText(const SString& process_id) {
   return process_id + "\nVellumcraft installation on " + gstr_HostName + "\n";
 }
 
-bool IsSameFile(const struct stat& a, const struct stat& b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 bool IsRunning(const SString& process_id) {
   const long number = std::strtol(process_id, nullptr, 10);
   return number <= 0 || kill(static_cast<pid_t>(number), 0) == 0 ||

@@ -115,19 +115,6 @@ pid_t StartShell(const SString& command, int output, Kind kind) {
   return error == 0 ? shell : -1;
 }
 
-std::string ReadToEnd(int fd) {
-  std::string bytes;
-  char buffer[4096];
-  ssize_t n = 0;
-  while ((n = read(fd, buffer, sizeof buffer)) > 0 ||
-         (n < 0 && errno == EINTR)) {
-    if (n > 0) {
-      bytes.append(buffer, static_cast<std::size_t>(n));
-    }
-  }
-  return bytes;
-}
-
 // Exit status of a child, -1 when it was ended or can't be waited for.
 int Wait(pid_t child) {
   int status = 0;
@@ -164,7 +151,9 @@ bool Run(const SString& command, Kind kind, SStringList* lines) {
   if (shell < 0) {
     return false;
   }
-  *lines = CutIntoLines(ReadToEnd(output.Get()));
+  std::string bytes;
+  static_cast<void>(ReadToEnd(output.Get(), &bytes));
+  *lines = CutIntoLines(bytes);
   // A command that still writes must not wait for a reader.
   static_cast<void>(output.Close());
   const int status = Wait(shell);

@@ -32,10 +32,6 @@ constexpr mode_t kPermissionBits = 07777;
 // A path that has become a FIFO or a terminal is refused, not waited for.
 constexpr int kCautiously = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
-bool IsSameFile(const struct stat& a, const struct stat& b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 bool NamesSameFile(const SString& path, int fd) {
   struct stat named = {};
   struct stat open = {};
@@ -71,19 +67,7 @@ bool LockAgainstEditors(int fd) {
 
 bool ReadContent(int fd, std::string* content) {
   content->clear();
-  char buffer[65536];
-  while (true) {
-    const ssize_t n =
-        pread(fd, buffer, sizeof buffer, static_cast<off_t>(content->size()));
-    if (n == 0) {
-      return true;
-    }
-    if (n > 0) {
-      content->append(buffer, static_cast<std::size_t>(n));
-    } else if (errno != EINTR) {
-      return false;
-    }
-  }
+  return lseek(fd, 0, SEEK_SET) == 0 && ReadToEnd(fd, content);
 }
 
 bool Holds(int fd, const std::string& content) {

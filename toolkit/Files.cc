@@ -18,25 +18,13 @@ namespace {
 
 constexpr std::size_t kFirstPiece = 4096;
 
-bool ReadAll(const SString& path, std::string* content) {
-  SDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
-  if (!file.IsOpen()) {
-    return false;
+bool ReadWhole(const SString& path, std::string* content) {
+  const SDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  if (file.IsOpen() && ReadToEnd(file.Get(), content)) {
+    return true;
   }
-  while (true) {
-    const std::size_t filled = content->size();
-    content->resize(std::max(kFirstPiece, 2 * filled));
-    const ssize_t n =
-        read(file.Get(), content->data() + filled, content->size() - filled);
-    content->resize(filled + static_cast<std::size_t>(n > 0 ? n : 0));
-    if (n == 0) {
-      return true;
-    }
-    if (n < 0 && errno != EINTR) {
-      content->clear();
-      return false;
-    }
-  }
+  content->clear();
+  return false;
 }
 
 bool HasType(const SString& path, mode_t type) {
@@ -74,6 +62,10 @@ bool IsRegular(const SString& path) {
 bool IsWriteable(const SString& path) {
   struct stat status = {};
   return stat(path, &status) == 0 && (status.st_mode & S_IWUSR) != 0;
+}
+
+bool IsSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 long long FileSize(const SString& path) {
@@ -126,6 +118,19 @@ bool RenameToFreeName(const SString& from, const SString& to) {
   if (errno != EINVAL && errno != ENOSYS) {
     return false;
   }
+  if (link(from, to) == 0) {
+    if (RemoveFile(from) || errno == ENOENT) {
+      return true;
+    }
+    const int cause = errno;
+    RemoveFile(to);
+    errno = cause;
+    return false;
+  }
+  if (errno == EEXIST) {
+    return false;
+  }
+  // No further names for directories, nor for anything on some file systems.
   if (PathTaken(to)) {
     errno = EEXIST;
     return false;
@@ -139,14 +144,14 @@ bool RemoveFile(const SString& path) {
 
 SString MapFileRead(const SString& path) {
   std::string content;
-  static_cast<void>(ReadAll(path, &content));
+  static_cast<void>(ReadWhole(path, &content));
   return SString(std::move(content));
 }
 
 bool ReadLines(const SString& path, SStringList* lines) {
   lines->Reset();
   std::string content;
-  if (!ReadAll(path, &content)) {
+  if (!ReadWhole(path, &content)) {
     return false;
   }
   lines->PushLines(content);
@@ -164,6 +169,22 @@ SStringList BaseName(const SStringList& paths, const SString& suffix) {
     names.Push(SString(name));
   }
   return names;
+}
+
+bool ReadToEnd(int fd, std::string* content) {
+  while (true) {
+    const std::size_t filled = content->size();
+    content->resize(std::max(kFirstPiece, 2 * filled));
+    const ssize_t n =
+        read(fd, content->data() + filled, content->size() - filled);
+    content->resize(filled + static_cast<std::size_t>(n > 0 ? n : 0));
+    if (n == 0) {
+      return true;
+    }
+    if (n < 0 && errno != EINTR) {
+      return false;
+    }
+  }
 }
 
 bool WriteAll(int fd, std::string_view bytes) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include "toolkit/SStringList.h"
 
@@ -20,6 +20,8 @@
 /// True when the owner's write permission bit is set (what the mode says, also
 /// for root); false when the mode can't be read.
 [[nodiscard]] bool IsWriteable(const SString& path);
+/// True when both statuses are those of one file, whatever its names are.
+[[nodiscard]] bool IsSameFile(const struct stat& one, const struct stat& other);
 /// Size in bytes, links followed; -1 when it can't be told.
 [[nodiscard]] long long FileSize(const SString& path);
 
@@ -33,7 +35,9 @@
 /// when it can't be read.
 [[nodiscard]] SStringList ReadDir(const SString& directory);
 [[nodiscard]] bool Rename(const SString& from, const SString& to);
-/// A rename that replaces nothing: false with `EEXIST` when `to` is taken.
+/// A rename that replaces nothing: false with `EEXIST` when `to` is taken.  On a
+/// file system that knows no such rename a file has both names for a moment, and
+/// a directory is renamed after a look whether the name is free.
 [[nodiscard]] bool RenameToFreeName(const SString& from, const SString& to);
 bool RemoveFile(const SString& path);
 /// The whole content of a file; "" when it can't be read.
@@ -45,6 +49,9 @@ bool RemoveFile(const SString& path);
 [[nodiscard]] SStringList BaseName(const SStringList& paths,
                                    const SString& suffix);
 
+/// Appends what the descriptor gives up to its end.  False when a read fails
+/// (interruptions don't count): `content` has what came before.
+[[nodiscard]] bool ReadToEnd(int fd, std::string* content);
 /// Writes all bytes to the descriptor, going on after short and interrupted
 /// writes.  The limit for the size of files is a failure like a full disk.
 [[nodiscard]] bool WriteAll(int fd, std::string_view bytes);

@@ -105,7 +105,7 @@ int Outside::Run() {
     sigaddset(&passed_on, signal);
   }
   sigprocmask(SIG_BLOCK, &passed_on, nullptr);
-  const Descriptor signals(signalfd(-1, &passed_on, SFD_CLOEXEC));
+  const SDescriptor signals(signalfd(-1, &passed_on, SFD_CLOEXEC));
   for (bool going_on = true; going_on;) {
     std::array<pollfd, 2> sources = {
         {{channel_, POLLIN, 0}, {signals.Get(), POLLIN, 0}}};
@@ -151,7 +151,7 @@ void Outside::Keep(const std::string& paths) {
     list.push_back(path);
   }
   const std::string root = "/proc/" + std::to_string(init_) + "/root";
-  const Descriptor from(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const SDescriptor from(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   Problem problem = from.IsOpen() ? KeepFiles(list, from.Get(), options_.keep)
                                   : ProblemOf(root);
   if (!problem.empty()) {
@@ -232,10 +232,10 @@ int Rehearse(const Options& options) {
   }
   resolved.root = path.data();
   start.options = &resolved;
-  Descriptor json;
+  SDescriptor json;
   if (!options.json.empty()) {
-    json = Descriptor(open(options.json.c_str(),
-                           O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    json = SDescriptor(open(options.json.c_str(),
+                            O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!json.IsOpen()) {
       return Fail(ProblemOf(options.json));
     }
@@ -244,8 +244,8 @@ int Rehearse(const Options& options) {
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     return Fail(ProblemOf("can't make a socket"));
   }
-  const Descriptor own(ends[0]);
-  Descriptor other(ends[1]);
+  const SDescriptor own(ends[0]);
+  SDescriptor other(ends[1]);
   start.channel = other.Get();
   start.terminal = TerminalOf();
   if (options.this_host) {
@@ -257,7 +257,7 @@ int Rehearse(const Options& options) {
         ProblemOf("needs the right to make name spaces (a container "
                   "may lack it); nothing was run"));
   }
-  other.Close();
+  other = SDescriptor();
   const int status =
       Outside(resolved, start, own.Get(), child, json.Get()).Run();
   // Init is gone when everything in its name spaces is.

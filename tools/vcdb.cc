@@ -75,22 +75,12 @@ bool Replace(const SString& file, const std::vector<SSection>& sections) {
   return fresh.Install(exists ? &former : nullptr) && fresh.Close();
 }
 
-// Not by std::cin, which takes a failed read for the end.
-bool ReadInput(std::string* text) {
-  char buffer[65536];
-  ssize_t n = 0;
-  while ((n = read(STDIN_FILENO, buffer, sizeof buffer)) > 0 ||
-         (n < 0 && errno == EINTR)) {
-    text->append(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
-  }
-  return n == 0;
-}
-
 int Load(const SString& file) {
   std::string text;
   std::vector<SSection> sections;
   std::string problem;
-  if (!ReadInput(&text)) {
+  // Not by std::cin, which takes a failed read for the end.
+  if (!ReadToEnd(STDIN_FILENO, &text)) {
     return Fail(file, "the input can't be read");
   }
   if (!DatabaseFromText(text, &sections, &problem)) {

@@ -22,10 +22,6 @@ namespace {
 constexpr mode_t kFileMode = 0640;
 constexpr char kTemporarySuffix[] = ".unfinished";
 
-bool IsSameFile(const struct stat& one, const struct stat& other) {
-  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
 // Locks the open file, which must still have the name; EWOULDBLOCK when it has
 // another, or when a living process is at work there.
 bool LockUnderName(int fd, const std::string& name) {
@@ -49,19 +45,6 @@ bool TakeOwnerOf(int former, int fresh) {
   return fstat(former, &wanted) == 0 && fstat(fresh, &given) == 0 &&
          ((wanted.st_uid == given.st_uid && wanted.st_gid == given.st_gid) ||
           fchown(fresh, wanted.st_uid, wanted.st_gid) == 0);
-}
-
-// Gives `from` the name `to` unless there is such a file.
-bool RenameToFreeName(const std::string& from, const std::string& to) {
-  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(),
-                RENAME_NOREPLACE) == 0) {
-    return true;
-  }
-  if (errno != EINVAL && errno != ENOSYS) {
-    return false;
-  }
-  return link(from.c_str(), to.c_str()) == 0 &&
-         (unlink(from.c_str()) == 0 || errno == ENOENT);
 }
 
 }  // namespace
@@ -182,9 +165,11 @@ bool SDatabaseFile::Install(SDatabaseFile* former) {
       (former != nullptr && !LockUnderName(former->fd_.Get(), path_))) {
     return false;
   }
-  const bool renamed = former != nullptr
-                           ? rename(temporary_.c_str(), path_.c_str()) == 0
-                           : RenameToFreeName(temporary_, path_);
+  const bool renamed =
+      former != nullptr
+          ? rename(temporary_.c_str(), path_.c_str()) == 0
+          : RenameToFreeName(SString(std::string_view(temporary_)),
+                             SString(std::string_view(path_)));
   if (!renamed) {
     return false;
   }

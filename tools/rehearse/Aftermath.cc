@@ -10,7 +10,7 @@
 #include <set>
 #include <sstream>
 
-#include "tools/rehearse/Descriptor.h"
+#include "tools/rehearse/ReadFile.h"
 
 namespace {
 

@@ -1,12 +1,13 @@
 #include "tools/rehearse/CallerMemory.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "tools/rehearse/Descriptor.h"
 #include "tools/rehearse/Processes.h"
+#include "tools/rehearse/ReadFile.h"
 
 namespace {
 
@@ -17,7 +18,7 @@ constexpr std::size_t kMostStrings = 1000;
 
 // Page by page: a call that reaches an unmapped one reads nothing of it.
 std::string ReadMemory(pid_t process, std::uint64_t address, std::size_t size) {
-  const Descriptor memory(
+  const SDescriptor memory(
       open(ProcessFile(process, "mem").c_str(), O_RDONLY | O_CLOEXEC));
   std::string bytes;
   while (bytes.size() < size) {

@@ -35,15 +35,15 @@ std::string Join(const std::string& directory, const std::string& name) {
 }
 
 // Opens what lies below a directory without following links on the way.
-Descriptor OpenBelow(int directory, const std::string& path, int flags) {
+SDescriptor OpenBelow(int directory, const std::string& path, int flags) {
   struct open_how how = {};
   how.flags = static_cast<unsigned>(flags | O_CLOEXEC | O_NOFOLLOW);
   how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_BENEATH | RESOLVE_NO_XDEV;
-  return Descriptor(static_cast<int>(
+  return SDescriptor(static_cast<int>(
       syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how)));
 }
 
-std::vector<std::string> NamesIn(Descriptor directory) {
+std::vector<std::string> NamesIn(SDescriptor directory) {
   std::vector<std::string> names;
   const int fd = dup(directory.Get());
   DIR* const stream = fd < 0 ? nullptr : fdopendir(fd);
@@ -83,12 +83,12 @@ std::optional<FileState> StateAt(int directory, const std::string& name) {
   return state;
 }
 
-Descriptor OpenRegular(const std::string& path) {
-  return Descriptor(open(
+SDescriptor OpenRegular(const std::string& path) {
+  return SDescriptor(open(
       path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
 }
 
-bool HasMark(const Descriptor& file, const char* name) {
+bool HasMark(const SDescriptor& file, const char* name) {
   std::array<char, 4096> value;
   // An O_PATH descriptor's attributes are read through its name in /proc.
   const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
@@ -136,7 +136,7 @@ std::optional<FileState> Changes::Host(const std::string& path) const {
   const Layer& layer = LayerOf(path);
   const std::string relative = Relative(layer, path);
   const auto slash = relative.rfind('/');
-  const Descriptor directory =
+  const SDescriptor directory =
       OpenBelow(layer.lower.Get(),
                 slash == std::string::npos ? "." : relative.substr(0, slash),
                 O_PATH | O_DIRECTORY);
@@ -161,7 +161,7 @@ void Changes::AddWhole(const Layer& layer, const std::string& path,
            layer.lower.Get(), Relative(layer, path), O_RDONLY | O_DIRECTORY))) {
     names.insert(std::move(name));
   }
-  for (std::string& name : NamesIn(Descriptor(open(
+  for (std::string& name : NamesIn(SDescriptor(open(
            path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW)))) {
     names.insert(std::move(name));
   }
@@ -187,7 +187,7 @@ void Changes::AddUpper(const Layer& layer, const std::string& path,
     if (&LayerOf(below) != &layer) {
       continue;
     }
-    const Descriptor own =
+    const SDescriptor own =
         OpenBelow(layer.upper.Get(), Relative(layer, below), O_PATH);
     struct stat status = {};
     if (!own.IsOpen() || fstat(own.Get(), &status) != 0) {
@@ -232,7 +232,7 @@ void Changes::Mark() {
     }
     state->fresh = IsFresh(state->status);
     if (state->status.st_size <= kKeepBytes) {
-      const Descriptor file = OpenRegular(path);
+      const SDescriptor file = OpenRegular(path);
       state->content = std::make_shared<std::string>(
           file.IsOpen() ? ReadAll(file.Get()) : std::string());
     }
@@ -248,8 +248,8 @@ std::optional<std::string> Changes::Before(const std::string& path) const {
                : std::nullopt;
   }
   const Layer& layer = LayerOf(path);
-  const Descriptor file = OpenBelow(layer.lower.Get(), Relative(layer, path),
-                                    O_RDONLY | O_NONBLOCK);
+  const SDescriptor file = OpenBelow(layer.lower.Get(), Relative(layer, path),
+                                     O_RDONLY | O_NONBLOCK);
   struct stat status = {};
   if (!file.IsOpen() || fstat(file.Get(), &status) != 0 ||
       !S_ISREG(status.st_mode) || status.st_size > kKeepBytes) {
@@ -279,7 +279,7 @@ bool Changes::SameContent(const std::string& path, const FileState& before,
   if (!former) {
     return SameTime(before.status.st_mtim, after.status.st_mtim);
   }
-  const Descriptor file = OpenRegular(path);
+  const SDescriptor file = OpenRegular(path);
   return file.IsOpen() && ReadAll(file.Get()) == *former;
 }
 
@@ -321,7 +321,7 @@ bool Changes::IsMovedFrom(const Change& former, const Change& created) const {
     return false;
   }
   const std::optional<std::string> content = Before(former.path);
-  const Descriptor file = OpenRegular(created.path);
+  const SDescriptor file = OpenRegular(created.path);
   return content && file.IsOpen() && ReadAll(file.Get()) == *content;
 }
 

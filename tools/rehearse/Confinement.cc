@@ -13,7 +13,7 @@
 #include <array>
 #include <cstdint>
 
-#include "tools/rehearse/Descriptor.h"
+#include "tools/rehearse/ReadFile.h"
 
 namespace {
 
@@ -76,9 +76,9 @@ Problem HideOtherProcesses() {
   const std::size_t size = version >= kVersionWithScopes  ? 3
                            : version >= kVersionWithPorts ? 2
                                                           : 1;
-  const Descriptor rules(static_cast<int>(syscall(
+  const SDescriptor rules(static_cast<int>(syscall(
       SYS_landlock_create_ruleset, &ruleset, size * sizeof(std::uint64_t), 0)));
-  const Descriptor top(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const SDescriptor top(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
   struct landlock_path_beneath_attr renames = {};
   renames.allowed_access = LANDLOCK_ACCESS_FS_REFER;
   renames.parent_fd = top.Get();

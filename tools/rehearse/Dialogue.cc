@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -34,11 +35,12 @@ std::string WithoutReturns(std::string text) {
 }  // namespace
 
 Problem Dialogue::ReadAnswers(const std::string& file) {
-  const Descriptor answers(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!answers.IsOpen()) {
+  const SDescriptor answers(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string content;
+  if (!answers.IsOpen() || !ReadToEnd(answers.Get(), &content)) {
     return ProblemOf(file);
   }
-  std::istringstream lines(ReadAll(answers.Get()));
+  std::istringstream lines(content);
   for (std::string line; std::getline(lines, line);) {
     const auto tab = line.find('\t');
     if (line.empty() || line.starts_with('#')) {
@@ -55,7 +57,7 @@ Problem Dialogue::ReadAnswers(const std::string& file) {
 }
 
 Problem Dialogue::OpenTerminal() {
-  terminal_ = Descriptor(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+  terminal_ = SDescriptor(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
   std::array<char, 64> name = {};
   if (!terminal_.IsOpen() || grantpt(terminal_.Get()) != 0 ||
       unlockpt(terminal_.Get()) != 0 ||

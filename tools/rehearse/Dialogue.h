@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
-#include "tools/rehearse/Descriptor.h"
 #include "tools/rehearse/Problem.h"
+#include "tools/rehearse/ReadFile.h"
 
 /// Types the answers of a file where a program asks, on a terminal of its own,
 /// and shows the whole dialogue as that terminal does.
@@ -39,7 +39,7 @@ class Dialogue {
   [[nodiscard]] std::string AnswerTo(const std::string& question) const;
 
   std::vector<std::pair<std::string, std::string>> answers_;
-  Descriptor terminal_;
+  SDescriptor terminal_;
   std::string terminal_name_;
   std::string question_;  // shown since the last answer
   std::string sleeps_;    // who took it, and how often that had slept

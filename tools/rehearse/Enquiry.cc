@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstddef>
@@ -25,7 +26,7 @@ constexpr socklen_t kAddressSize =
 }  // namespace
 
 bool Enquiry::Open() {
-  socket_ = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  socket_ = SDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_un address = Address();
   return socket_.IsOpen() &&
          bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address),
@@ -35,7 +36,8 @@ bool Enquiry::Open() {
 
 void Enquiry::Answer(
     const std::function<std::string(const std::string&)>& answer) {
-  const Descriptor peer(accept4(socket_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const SDescriptor peer(
+      accept4(socket_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
   // Who asks nothing, or doesn't listen, can't hold up the rehearsal.
   const timeval patience = {2, 0};
   setsockopt(peer.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
@@ -53,7 +55,7 @@ void Enquiry::Answer(
 }
 
 Problem Ask(const std::string& question, std::string& answer) {
-  const Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const SDescriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_un address = Address();
   if (connect(peer.Get(), reinterpret_cast<const sockaddr*>(&address),
               kAddressSize) != 0) {

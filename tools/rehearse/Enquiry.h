@@ -3,8 +3,8 @@
 #include <functional>
 #include <string>
 
-#include "tools/rehearse/Descriptor.h"
 #include "tools/rehearse/Problem.h"
+#include "tools/rehearse/ReadFile.h"
 
 /// Questions from programs in a rehearsal to its init, through a socket that
 /// only they can see: it has no file, and its name ends with the network name
@@ -21,7 +21,7 @@ class Enquiry {
   void Answer(const std::function<std::string(const std::string&)>& answer);
 
  private:
-  Descriptor socket_;
+  SDescriptor socket_;
 };
 
 /// Asks the init of the rehearsal that this process is part of.

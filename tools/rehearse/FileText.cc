@@ -10,7 +10,7 @@
 #include "toolkit/database/DatabaseFile.h"
 #include "toolkit/database/Format.h"
 #include "toolkit/database/TextForm.h"
-#include "tools/rehearse/Descriptor.h"
+#include "tools/rehearse/ReadFile.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ bool IsDatabase(const std::string& content) {
 
 // A database is opened by name: that of a nameless file in memory.
 std::optional<std::string> DumpOf(const std::string& content) {
-  const Descriptor file(memfd_create("database", MFD_CLOEXEC));
+  const SDescriptor file(memfd_create("database", MFD_CLOEXEC));
   SDatabaseFile database;
   std::string text;
   if (!WriteAll(file.Get(), content) ||

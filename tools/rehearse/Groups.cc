@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "tools/rehearse/Descriptor.h"
+#include "tools/rehearse/ReadFile.h"
 
 namespace {
 

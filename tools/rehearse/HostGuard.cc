@@ -283,7 +283,7 @@ Answer HostGuard::AnswerOpen(const HeldCall& call) {
   if (!content || !IsWaiting(call)) {
     return {};
   }
-  instead_ = Descriptor(memfd_create("ports", MFD_CLOEXEC));
+  instead_ = SDescriptor(memfd_create("ports", MFD_CLOEXEC));
   if (!WriteAll(instead_.Get(), *content) ||
       lseek(instead_.Get(), 0, SEEK_SET) != 0) {
     return {};

@@ -57,5 +57,5 @@ class HostGuard : public Watch {
   std::map<std::pair<std::string, std::string>, int> refusals_;
   StandIn stand_in_;
   Aftermath aftermath_;
-  Descriptor instead_;  // what is opened instead of a file
+  SDescriptor instead_;  // what is opened instead of a file
 };

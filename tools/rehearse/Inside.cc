@@ -36,7 +36,7 @@ namespace {
 constexpr int kAskedMilliseconds = 20;
 
 bool RaiseLoopback() {
-  const Descriptor socket_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const SDescriptor socket_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ifreq request = {};
   request.ifr_name[0] = 'l';
   request.ifr_name[1] = 'o';
@@ -112,7 +112,7 @@ class Init {
   std::vector<Process> left_running_;
   Enquiry enquiry_;
   Dialogue dialogue_;
-  Descriptor children_;  // tells of processes that ended or stopped
+  SDescriptor children_;  // tells of processes that ended or stopped
   std::map<pid_t, Process> processes_;  // at the baseline
   std::vector<Listener> listeners_;     // at the baseline
   pid_t program_ = 0;
@@ -130,7 +130,7 @@ Problem Init::SetUp() {
   sigemptyset(&chld);
   sigaddset(&chld, SIGCHLD);
   sigprocmask(SIG_BLOCK, &chld, nullptr);
-  children_ = Descriptor(signalfd(-1, &chld, SFD_CLOEXEC | SFD_NONBLOCK));
+  children_ = SDescriptor(signalfd(-1, &chld, SFD_CLOEXEC | SFD_NONBLOCK));
   // Nobody in the rehearsal may look into this process.
   if (!children_.IsOpen() || prctl(PR_SET_DUMPABLE, 0) != 0) {
     return ProblemOf("can't watch processes");

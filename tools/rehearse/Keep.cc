@@ -26,14 +26,15 @@ bool MakeParents(int from, int to, const std::string& path) {
 
 bool CopyRegular(int from, int to, const std::string& path,
                  const struct stat& status) {
-  const Descriptor source(openat(
+  const SDescriptor source(openat(
       from, path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  const Descriptor copy(
+  const SDescriptor copy(
       openat(to, path.c_str(),
              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
+  std::string content;
   return source.IsOpen() && copy.IsOpen() &&
-         WriteAll(copy.Get(), ReadAll(source.Get())) &&
+         ReadToEnd(source.Get(), &content) && WriteAll(copy.Get(), content) &&
          fchown(copy.Get(), status.st_uid, status.st_gid) == 0 &&
          fchmod(copy.Get(), status.st_mode & 07777) == 0 &&
          futimens(copy.Get(), times.data()) == 0;
@@ -62,7 +63,7 @@ Problem KeepFiles(const std::vector<std::string>& paths, int from,
   if (mkdir(directory.c_str(), 0700) != 0) {
     return ProblemOf("can't make " + directory);
   }
-  const Descriptor to(
+  const SDescriptor to(
       open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   for (const std::string& absolute : paths) {
     const std::string path = absolute.substr(1);

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -144,14 +145,14 @@ bool AddOverlay(const std::string& source, const std::string& mount_point,
   Layer layer;
   layer.mount_point = mount_point;
   layer.lower =
-      Descriptor(open(source.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+      SDescriptor(open(source.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!layer.lower.IsOpen() || mkdir(upper.c_str(), 0755) != 0 ||
       mkdir(work.c_str(), 0755) != 0 ||
       !CopyAttributes(layer.lower.Get(), upper)) {
     return false;
   }
   layer.upper =
-      Descriptor(open(upper.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+      SDescriptor(open(upper.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   // "." spares the escapes that commas and colons in a path would need.
   const std::string options = "lowerdir=.,upperdir=" + upper +
                               ",workdir=" + work +
@@ -174,11 +175,11 @@ bool BindReadOnly(const std::string& source, const std::string& target) {
 
 // A file that is mounted on a file becomes an ordinary one with its content.
 bool CopyMountedFile(const std::string& source, const std::string& target) {
-  const Descriptor from(open(source.c_str(), O_RDONLY | O_CLOEXEC));
-  const Descriptor to(open(target.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
-  return from.IsOpen() && to.IsOpen() &&
-         WriteAll(to.Get(), ReadAll(from.Get())) &&
-         CopyAttributes(from.Get(), target);
+  const SDescriptor from(open(source.c_str(), O_RDONLY | O_CLOEXEC));
+  const SDescriptor to(open(target.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+  std::string content;
+  return from.IsOpen() && to.IsOpen() && ReadToEnd(from.Get(), &content) &&
+         WriteAll(to.Get(), content) && CopyAttributes(from.Get(), target);
 }
 
 Problem AddMount(const Mount& mount, const std::string& directory, Root& root) {

@@ -3,15 +3,15 @@
 #include <string>
 #include <vector>
 
-#include "tools/rehearse/Descriptor.h"
 #include "tools/rehearse/Problem.h"
+#include "tools/rehearse/ReadFile.h"
 
 /// One file system of the rehearsal: what the host has, never written to, and
 /// what the rehearsal wrote over it.
 struct Layer {
   std::string mount_point;  // in the rehearsal, "" for its root
-  Descriptor lower;         // the host's directory, read-only
-  Descriptor upper;         // the overlay's own files, in memory
+  SDescriptor lower;        // the host's directory, read-only
+  SDescriptor upper;        // the overlay's own files, in memory
 };
 
 /// What `BuildRoot` made.

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -115,9 +116,9 @@ Contact ReachAll(pid_t caller, std::uint64_t first, std::uint64_t count,
 
 // The family of a socket of another process.
 int FamilyOf(pid_t caller, int fd) {
-  const Descriptor process(static_cast<int>(syscall(
+  const SDescriptor process(static_cast<int>(syscall(
       SYS_pidfd_open, std::atoi(ProcessStatus(caller, "Tgid").c_str()), 0)));
-  const Descriptor copy(
+  const SDescriptor copy(
       static_cast<int>(syscall(SYS_pidfd_getfd, process.Get(), fd, 0)));
   int family = AF_UNSPEC;
   socklen_t size = sizeof family;

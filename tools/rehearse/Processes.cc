@@ -13,7 +13,7 @@
 #include <sstream>
 #include <tuple>
 
-#include "tools/rehearse/Descriptor.h"
+#include "tools/rehearse/ReadFile.h"
 
 namespace {
 

@@ -108,8 +108,8 @@ StartedProgram StartProgram(const Options& options, const Dialogue& dialogue,
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     return fail("can't make a socket");
   }
-  const Descriptor to_child(ends[0]);
-  Descriptor to_init(ends[1]);
+  const SDescriptor to_child(ends[0]);
+  SDescriptor to_init(ends[1]);
   started.id = fork();
   if (started.id == 0) {
     Become(options, dialogue, watch, to_init.Get());
@@ -123,7 +123,7 @@ StartedProgram StartProgram(const Options& options, const Dialogue& dialogue,
       (void)tcsetpgrp(terminal, started.id);
     }
   }
-  to_init.Close();
+  to_init = SDescriptor();
   std::optional<Message> word = WaitForWord(to_child.Get(), watch);
   if (word && word->kind == Message::Kind::kReady) {
     const int announcements = std::atoi(word->text.c_str());

@@ -8,7 +8,7 @@
 namespace {
 
 std::string ContentNow(const std::string& path) {
-  const Descriptor file(open(
+  const SDescriptor file(open(
       path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   return file.IsOpen() ? ReadAll(file.Get()) : "";
 }

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
 
@@ -28,8 +29,9 @@ int Watch::Announce() const {
 }
 
 bool Watch::Take(pid_t process, int fd) {
-  const Descriptor pidfd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
-  announcements_ = Descriptor(
+  const SDescriptor pidfd(
+      static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+  announcements_ = SDescriptor(
       static_cast<int>(syscall(SYS_pidfd_getfd, pidfd.Get(), fd, 0)));
   return announcements_.IsOpen();
 }
@@ -40,7 +42,7 @@ void Watch::AnswerNext() {
     return;
   }
   if ((waiting.revents & POLLIN) == 0) {
-    announcements_.Close();  // nobody is left who could call
+    announcements_ = SDescriptor();  // nobody is left who could call
     return;
   }
   struct seccomp_notif announced = {};

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "tools/rehearse/Descriptor.h"
+#include "tools/rehearse/ReadFile.h"
 
 struct sock_filter;
 
@@ -63,5 +63,5 @@ class Watch {
   [[nodiscard]] bool IsWaiting(const HeldCall& call) const;
 
  private:
-  Descriptor announcements_;
+  SDescriptor announcements_;
 };
