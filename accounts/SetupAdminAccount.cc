@@ -98,16 +98,19 @@ bool StoreMissing(SAccountMod* postmaster, const SString& password,
           postmaster->Set("Access-Domains", access_domains));
 }
 
-Stored Store(SAccountMod* postmaster, const SString& password,
-             const SStringList& access_domains,
+// "Completed" is said of what is on disk, so a failed sync is a failed change.
+Stored Store(SAccountDBMod* database, SAccountMod* postmaster,
+             const SString& password, const SStringList& access_domains,
              const PostmasterDeliveries& wanted,
              const PostmasterDeliveries& former) {
   const SHoldSignals until_stored;
   if (StoreMissing(postmaster, password, access_domains) &&
-      SetDeliveries(postmaster, wanted)) {
+      SetDeliveries(postmaster, wanted) && database->CloseDB()) {
     return Stored::kNew;
   }
-  return SetDeliveries(postmaster, former) ? Stored::kOld : Stored::kNeither;
+  return SetDeliveries(postmaster, former) && database->CloseDB()
+             ? Stored::kOld
+             : Stored::kNeither;
 }
 
 bool Report(Stored stored) {
@@ -130,7 +133,7 @@ bool Report(Stored stored) {
 }
 
 // The questions, with explanations for a new account.
-bool Change(const SAccountDB& database, SAccountMod* postmaster, bool is_new,
+bool Change(SAccountDBMod* database, SAccountMod* postmaster, bool is_new,
             const SStringList& access_domains, const SStringList& postmasters,
             const PostmasterDeliveries& former) {
   if (is_new) {
@@ -148,13 +151,13 @@ bool Change(const SAccountDB& database, SAccountMod* postmaster, bool is_new,
     PrintMessage(pz_ListPostmasters);
     PrintMessage(pz_SeparateByCommas);
   }
-  const PostmasterDeliveries wanted = AskPostmasters(database, postmasters);
+  const PostmasterDeliveries wanted = AskPostmasters(*database, postmasters);
   if (wanted.accounts.IsEmpty() && wanted.channels.IsEmpty()) {
     Print("\n");
     PrintMessage(pz_NoValidAddress);
-    return true;
+    return database->CloseDB() || Report(Stored::kOld);
   }
-  return Report(Store(postmaster, password, domains, wanted, former));
+  return Report(Store(database, postmaster, password, domains, wanted, former));
 }
 
 }  // namespace
@@ -177,6 +180,6 @@ bool SetupAdminAccount() {
       return letter != 'q';
     }
   }
-  return Change(database, &postmaster, state == PostmasterState::kNew,
+  return Change(&database, &postmaster, state == PostmasterState::kNew,
                 access_domains, postmasters, former);
 }

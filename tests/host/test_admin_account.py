@@ -350,6 +350,42 @@ def deliveries(host):
                  for kind in ("Account", "Channel"))
 
 
+def changed_without_sync(host, typed, times):
+    """A run in which the last `times` syncs of the accounts fail (0: all)."""
+    load(host, "Accounts", EXISTING)
+    answers = ["y", "abcdef", "example.com", typed]
+
+    def run(env):
+        return host.run("run_task", answers, ["SetupAdminAccount"], env=env)
+
+    at = 1
+    if times != 0:
+        at = len(counted_calls(host, run, paths=PATH, calls="fdatasync"))
+        load(host, "Accounts", EXISTING)
+    return run(environment("fail", at, paths=PATH, times=times,
+                           calls="fdatasync", errno="EIO"))
+
+
+def test_completed_is_said_of_what_is_on_disk_only(host):
+    run = changed_without_sync(host, "ann", 1)
+    assert "Postmaster account setup completed." not in run.text
+    assert "old delivery information has been retained" in squeeze(run.text)
+    assert run.status == 0 and deliveries(host) == OLD_DELIVERIES
+
+    run = changed_without_sync(host, "ann", 0)
+    assert "Postmaster account setup completed." not in run.text
+    assert "old delivery information couldn't be retained" in squeeze(run.text)
+    assert run.status == 255
+
+
+def test_a_password_that_may_not_be_on_disk_is_told(host):
+    run = changed_without_sync(host, "nosuch", 1)
+    assert "No valid addresses specified" in run.text
+    assert "An error occurred while editing the postmaster account" in squeeze(
+        run.text)
+    assert run.status == 0 and deliveries(host) == OLD_DELIVERIES
+
+
 @pytest.mark.parametrize("mode, statuses", [("signal", [3]), ("kill", [-9])])
 def test_the_deliveries_are_never_empty(host, mode, statuses):
     """Neither a signal nor the death of the program cuts their change."""
