@@ -21,7 +21,8 @@ class SlowMatcher {
   }
 
   [[nodiscard]] bool IsValid() const { return valid_; }
-  /// True when a match took more steps than allowed; its result says nothing.
+  /// True when a match took more steps or went deeper than allowed; its result
+  /// says nothing.
   [[nodiscard]] bool GaveUp() const { return steps_ > kMaxSteps; }
 
   bool Search(std::string_view text, std::size_t from, SMatch* match) {
@@ -54,7 +55,8 @@ class SlowMatcher {
   using NodePointer = std::unique_ptr<Node>;
   using Rest = std::function<bool(std::size_t)>;
   static constexpr int kMaxSteps = 200000;
-  static constexpr int kMaxDepth = 200;
+  static constexpr int kMaxDepth = 200;    // of groups in an expression
+  static constexpr int kMaxNested = 2000;  // calls of Match
 
   static NodePointer Make(Kind kind) {
     auto node = std::make_unique<Node>();
@@ -280,9 +282,19 @@ class SlowMatcher {
   }
 
   bool Match(const Node& node, std::size_t at, const Rest& rest) {
+    if (nested_ == kMaxNested) {
+      steps_ = kMaxSteps;
+    }
     if (++steps_ > kMaxSteps) {
       return false;
     }
+    ++nested_;
+    const bool found = MatchKind(node, at, rest);
+    --nested_;
+    return found;
+  }
+
+  bool MatchKind(const Node& node, std::size_t at, const Rest& rest) {
     switch (node.kind) {
       case Kind::kByte:
         return at < text_.size() &&
@@ -355,4 +367,5 @@ class SlowMatcher {
   std::string_view text_;
   std::vector<SMatch::Span> spans_;
   int steps_ = 0;
+  int nested_ = 0;
 };
