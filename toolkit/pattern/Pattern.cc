@@ -1,12 +1,14 @@
 // The pattern engine of the toolkit: Perl's syntax as far as the system uses
 // it, the leftmost match, and the captures of a greedy backtracking matcher.
 //
-//   Compile.cc    one pass over the expression into a flat program
+//   Scanner.cc    the elements of an expression
+//   Compile.cc    one pass over them into a flat program
 //   Unfold.cc     loops whose body may be empty
 //   Hints.cc      cheap tests that most texts fail
 //   Search.cc     the tests, then the matchers
 //   Backtrack.cc  the matcher for everyday texts, which may give up
 //   TwoPass.cc    the matcher that never does
+//   StateSets.cc  what its first pass finds out
 //   Cache.cc      compiled patterns by their text
 //
 // limits    expressions of more than 65,536 instructions (counted repetitions
