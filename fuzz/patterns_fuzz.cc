@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::size_t kLongestPattern = 40;
 constexpr std::size_t kLongestText = 40;
+// Instructions times bytes; more would be slow, as it may, and find nothing new.
+constexpr std::size_t kMostWork = std::size_t{1} << 20;
 
 bool AreEqual(const SMatch& a, const SMatch& b) {
   if (a.spans.size() != b.spans.size()) {
@@ -62,6 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
                                     : input.substr(cut + 1);
   pattern::Code code;
   pattern::Compile(expression, &code);
+  if (code.instructions.size() * text.size() > kMostWork) {
+    return 0;
+  }
   pattern::Effort effort;
   SMatch match;
   const bool found = pattern::Search(code, text, 0, &match, &effort);
