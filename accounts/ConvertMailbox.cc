@@ -33,7 +33,7 @@
 
 namespace {
 
-constexpr std::size_t kPiece = std::size_t{256} * 1024;
+constexpr std::size_t kPiece = std::size_t{64} * 1024;
 
 bool Fail(const SString& problem, int cause) {
   Print("Error: " + problem + " (" + SString(cause) + ")\n");
@@ -78,7 +78,8 @@ bool CopyMessages(SSpoolFile* spool, SPopMailbox* mailbox,
                   SMailboxReader* reader, char* buffer) {
   do {
     do {
-      if (!CopyToEnd(spool, reader, buffer) || !mailbox->Sync()) {
+      if (!CopyToEnd(spool, reader, buffer) || !reader->Flush() ||
+          !mailbox->Sync()) {
         return false;
       }
     } while (!spool->IsAtEnd());

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -22,11 +22,13 @@ class SMailboxReader {
     virtual bool Write(std::string_view bytes) = 0;
   };
 
-  explicit SMailboxReader(Sink* sink) : sink_(sink) {}
+  explicit SMailboxReader(Sink* sink);
 
   /// Takes the next piece; false as soon as the sink says so.
   [[nodiscard]] bool Take(std::string_view piece);
-  /// The mailbox has ended: ends a last line without line end.
+  /// Hands what is held back, to make few calls of the sink, to it.
+  [[nodiscard]] bool Flush();
+  /// The mailbox has ended: ends a last line without line end, and flushes.
   [[nodiscard]] bool Finish();
 
   /// True when something other than blank lines came first and it was no
@@ -36,6 +38,8 @@ class SMailboxReader {
  private:
   enum class Place { kBefore, kSeparator, kMessage };
 
+  bool BeginMessage();
+  bool Put(std::string_view text);
   bool TakeWholeLines(std::string_view* piece);
   bool TakeLineBegin(std::string_view* piece, bool is_last);
   bool TakeLineRest(std::string_view* piece);
@@ -50,6 +54,7 @@ class SMailboxReader {
   bool indented_ = false;
   // A carriage return is written only when more of its line follows.
   bool holds_return_ = false;
-  std::array<char, std::size_t{16} * 1024> lines_;  // with their new ends
+  std::unique_ptr<char[]> held_;  // of the message in hand, for the sink
+  std::size_t held_size_ = 0;
   std::string begin_;  // of a line, until it is clear what it is
 };

@@ -137,7 +137,7 @@ TEST(MailboxReaderTest, RandomMailboxesAreReadByTheRulesInAnyPieces) {
 }
 
 TEST(MailboxReaderTest, LinesOfEveryLengthAboutThatOfItsBufferAreWhole) {
-  constexpr std::size_t kBuffer = std::size_t{16} * 1024;
+  constexpr std::size_t kBuffer = std::size_t{64} * 1024;
   for (std::size_t length = kBuffer - 5; length < kBuffer + 5; ++length) {
     for (const char* end : {"\n", "\r\n", "\r\r\n"}) {
       const std::string line = std::string(length, 'x') + end;
@@ -150,6 +150,32 @@ TEST(MailboxReaderTest, LinesOfEveryLengthAboutThatOfItsBufferAreWhole) {
       }
     }
   }
+}
+
+TEST(MailboxReaderTest, LinesOfEveryUsualLengthAreWholeAtEveryPlace) {
+  std::mt19937 random(1997);
+  std::string mailbox = "From a\n";
+  for (int i = 0; i < 20'000; ++i) {
+    mailbox += std::string(random() % 90, static_cast<char>('a' + i % 26));
+    mailbox += random() % 4 == 0 ? "\r\n" : "\n";
+    mailbox += random() % 500 == 0 ? "From b\n" : "";
+  }
+  const Result want = ReadByTheRules(mailbox);
+  for (const std::size_t piece :
+       {mailbox.size(), std::size_t{65'536}, std::size_t{79}}) {
+    EXPECT_TRUE(want == Read(mailbox, piece)) << piece;
+  }
+}
+
+TEST(MailboxReaderTest, NothingIsHeldBackAfterAFlush) {
+  Collector collector;
+  SMailboxReader reader(&collector);
+  ASSERT_TRUE(reader.Take("From a\none\ntwo\nthree"));
+  ASSERT_TRUE(reader.Flush());
+  EXPECT_EQ("one\r\ntwo\r\nthree", collector.messages.at(0));
+  ASSERT_TRUE(reader.Flush());
+  ASSERT_TRUE(reader.Finish());
+  EXPECT_EQ("one\r\ntwo\r\nthree\r\n", collector.messages.at(0));
 }
 
 TEST(MailboxReaderTest, ALongLineIsNeverHeldAsAWhole) {

@@ -14,7 +14,6 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0770;
 constexpr mode_t kMessageMode = 0664;
-constexpr std::size_t kPiece = std::size_t{256} * 1024;
 
 // Message identifiers of this process end in letters, its id and the host.
 bool IsOurs(const SString& name) {
@@ -32,9 +31,7 @@ bool IsOurs(const SString& name) {
 SPopMailbox::SPopMailbox(const SString& directory, const SString& login)
     : directory_(directory),
       unfinished_(directory + ".unfinished." + login),
-      finished_mark_(directory + ".finished." + login) {
-  buffer_.reserve(2 * kPiece);
-}
+      finished_mark_(directory + ".finished." + login) {}
 
 // Filling
 
@@ -82,27 +79,14 @@ bool SPopMailbox::BeginMessage() {
 }
 
 bool SPopMailbox::Write(std::string_view bytes) {
-  buffer_.append(bytes);
-  return buffer_.size() < kPiece || Flush();
-}
-
-bool SPopMailbox::Flush() {
-  const bool flushed = WriteAll(message_file_.Get(), buffer_);
-  buffer_.clear();
-  return flushed || FailMessage();
+  return WriteAll(message_file_.Get(), bytes) || FailMessage();
 }
 
 bool SPopMailbox::EndMessage() {
-  if (!message_file_.IsOpen()) {
-    return true;
-  }
-  return Flush() && (message_file_.Close() || FailMessage());
+  return !message_file_.IsOpen() || message_file_.Close() || FailMessage();
 }
 
 bool SPopMailbox::Sync() {
-  if (message_file_.IsOpen() && !Flush()) {
-    return false;
-  }
   // One call for any number of messages, and for the account itself where it
   // lies on the same file system.
   return syncfs(directory_file_.Get()) == 0;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <string>
+#include <string_view>
 #include <vector>
 
 #include "accounts/MailboxReader.h"
@@ -52,7 +52,6 @@ class SPopMailbox : public SMailboxReader::Sink {
  private:
   [[nodiscard]] bool OpenDirectory(const SString& directory);
   [[nodiscard]] bool MoveToPlace();
-  [[nodiscard]] bool Flush();
   [[nodiscard]] bool EndMessage();
   bool FailMessage();
 
@@ -65,5 +64,4 @@ class SPopMailbox : public SMailboxReader::Sink {
   SString message_;
   SDescriptor message_file_;
   SString failed_message_;
-  std::string buffer_;
 };
