@@ -70,13 +70,13 @@ OurStore::OurStore(const std::string& directory, Access access) {
   }
 }
 
-bool OurStore::HasAddress(const SString& address) {
-  return !database_->GetAccountUID(S821Address(address)).IsEmpty();
+bool OurStore::HasAddress(const S821Address& address) {
+  return !database_->GetAccountUID(address).IsEmpty();
 }
 
 bool OurStore::CreateUnlessTaken(const OurAccount& account) {
   for (const SString& address : account.addresses) {
-    if (HasAddress(address)) {
+    if (HasAddress(S821Address(address))) {
       return false;
     }
   }

@@ -28,10 +28,13 @@ class OurStore {
  public:
   enum class Access { kRead, kWrite };
   using Account = OurAccount;
-  using Text = SString;
+  using Address = S821Address;
   OurStore(const std::string& directory, Access access);
 
-  [[nodiscard]] bool HasAddress(const SString& address);
+  [[nodiscard]] static Address AddressFrom(const std::string& text) {
+    return S821Address(SString(text));
+  }
+  [[nodiscard]] bool HasAddress(const Address& address);
   /// Look-ups and fields, visible at once; false when one of the addresses or
   /// the UID is taken.
   [[nodiscard]] bool CreateUnlessTaken(const OurAccount& account);
@@ -54,7 +57,7 @@ class LmdbStore {
  public:
   enum class Access { kRead, kWrite, kDurable };
   using Account = SampleAccount;
-  using Text = std::string;
+  using Address = std::string;
   /// Without `kDurable` the map is written to (WRITEMAP) and never synced
   /// (NOSYNC), the fastest LMDB knows.
   LmdbStore(const std::string& directory, Access access);
@@ -62,7 +65,10 @@ class LmdbStore {
   LmdbStore(const LmdbStore&) = delete;
   LmdbStore& operator=(const LmdbStore&) = delete;
 
-  [[nodiscard]] bool HasAddress(const std::string& address);
+  [[nodiscard]] static Address AddressFrom(const std::string& text) {
+    return text;
+  }
+  [[nodiscard]] bool HasAddress(const Address& address);
   /// Look-ups and fields in one transaction; false when one of the addresses or
   /// the UID is taken.
   [[nodiscard]] bool CreateUnlessTaken(const SampleAccount& account);

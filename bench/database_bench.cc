@@ -137,7 +137,7 @@ class Reader {
       if (accounts > 0) {
         const typename Store::Account& account =
             known[numbers[i % numbers.size()] % accounts];
-        if (!store.HasAddress(account.addresses[1]) ||
+        if (!store.HasAddress(typename Store::Address(account.addresses[1])) ||
             !store.IsWhole(account)) {
           shared_->failures.fetch_add(1);
         }
@@ -260,9 +260,11 @@ void Set(benchmark::State& state, bool with_reader) {
 template <typename Store>
 void LookUp(benchmark::State& state, std::size_t count, bool hit) {
   const std::string directory = Prepared<Store>(count);
-  std::vector<typename Store::Text> addresses;
+  // Both get the address in the type that their callers have.
+  std::vector<typename Store::Address> addresses;
   for (const std::size_t number : ShuffledNumbers(kLookUps, count)) {
-    addresses.emplace_back(hit ? AddressOf(number) : FreeAddress(number));
+    addresses.push_back(
+        Store::AddressFrom(hit ? AddressOf(number) : FreeAddress(number)));
   }
   Store store(directory, Store::Access::kRead);
   bool right = true;
@@ -287,8 +289,8 @@ void Open(benchmark::State& state, std::size_t count) {
   bool right = true;
   for (auto _ : state) {
     Store store(directory, Store::Access::kRead);
-    right = store.HasAddress(typename Store::Text(
-                AddressOf(numbers[i++ % numbers.size()]))) &&
+    right = store.HasAddress(
+                Store::AddressFrom(AddressOf(numbers[i++ % numbers.size()]))) &&
             right;
   }
   if (!right) {

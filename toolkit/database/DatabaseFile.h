@@ -51,6 +51,11 @@ class SDatabaseFile {
   /// Fills `section` if one is given and there is one.
   [[nodiscard]] std::uint32_t Find(std::string_view path,
                                    SSection* section = nullptr);
+  /// Fetches ahead what a look-up of the address, given in lower case, will
+  /// touch first.
+  void ExpectLookUp(std::string_view address) const {
+    index_.Expect(HashOfAddress(address));
+  }
   /// True when there is a section with the path, ASCII case disregarded.
   [[nodiscard]] bool HasPathInAnyCase(std::string_view path);
   /// Calls `visit(id, path)` for every section directly below "/" that has
@@ -116,6 +121,7 @@ class SDatabaseFile {
   bool TakeRecords(std::uint64_t must_reach);
   bool TakeRecord(std::string_view record, std::uint64_t size);
   bool TakeSection(std::uint32_t id, std::string_view record);
+  void SetPlace(std::uint32_t id, const SRecordPlace& place);
   bool WasReplaced();
   bool ReadAt(std::uint64_t offset, std::uint64_t size,
               std::string_view* bytes);
@@ -166,7 +172,9 @@ class SDatabaseFile {
 
   // Reading: whole blocks of stored records never change and are kept.
   SZeros kept_;
+  SPageMerger kept_pages_;
   std::vector<bool> kept_blocks_;
+  std::vector<bool> verified_;  // sections whose records are kept and sound
   std::string scratch_;
 
   // Writing.

@@ -1,17 +1,30 @@
 #include "toolkit/database/Hash.h"
 
+#include <algorithm>
+
 #include "toolkit/database/Bytes.h"
 
-SLowerCaseText::SLowerCaseText(std::string_view text) {
+SLowerCaseText::SLowerCaseText(std::initializer_list<std::string_view> pieces) {
+  std::size_t size = 0;
+  for (const std::string_view piece : pieces) {
+    size += piece.size();
+  }
   char* out = short_;
-  if (text.size() > sizeof short_) {
-    long_.resize(text.size());
+  if (size > sizeof short_) {
+    long_.resize(size);
     out = long_.data();
   }
-  view_ = {out, text.size()};
-  for (const char c : text) {
-    *out++ = static_cast<char>(c >= 'A' && c <= 'Z' ? c | 0x20 : c);
+  view_ = {out, size};
+  for (const std::string_view piece : pieces) {
+    out = std::transform(piece.begin(), piece.end(), out, LowerCaseOf);
   }
+}
+
+bool IsSameInLowerCase(std::string_view text, std::string_view lower) {
+  return text.size() == lower.size() &&
+         std::equal(
+             text.begin(), text.end(), lower.begin(),
+             [](char c, char wanted) { return LowerCaseOf(c) == wanted; });
 }
 
 std::uint32_t HashOfText(std::string_view text, std::uint64_t seed) {

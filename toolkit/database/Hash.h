@@ -1,13 +1,16 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
 /// The text with its ASCII letters in lower case; allocates only for long ones.
 class SLowerCaseText {
  public:
-  explicit SLowerCaseText(std::string_view text);
+  explicit SLowerCaseText(std::string_view text) : SLowerCaseText({text}) {}
+  /// The pieces one behind the other.
+  explicit SLowerCaseText(std::initializer_list<std::string_view> pieces);
   SLowerCaseText(const SLowerCaseText&) = delete;
   SLowerCaseText& operator=(const SLowerCaseText&) = delete;
 
@@ -18,6 +21,14 @@ class SLowerCaseText {
   std::string long_;
   std::string_view view_;
 };
+
+[[nodiscard]] inline char LowerCaseOf(char c) {
+  return static_cast<char>(c >= 'A' && c <= 'Z' ? c | 0x20 : c);
+}
+
+/// True when the text, its ASCII letters in lower case, is `lower`.
+[[nodiscard]] bool IsSameInLowerCase(std::string_view text,
+                                     std::string_view lower);
 
 /// The upper half of MurmurHash64A (Austin Appleby, 2008, public domain), words
 /// taken little-endian.

@@ -47,6 +47,7 @@ void SWordArray::Attach(int fd, std::uint64_t offset, std::uint64_t size,
   fd_ = fd;
   offset_ = offset;
   seed_ = seed;
+  pages_.Reset(memory_);
 }
 
 void SWordArray::LoadBlock(std::uint64_t block) {
@@ -66,6 +67,7 @@ void SWordArray::LoadBlock(std::uint64_t block) {
   for (std::uint64_t i = first; i < last; ++i) {
     words_[i] = Get64(bytes + (i - first) * 8);
   }
+  pages_.Filled(first * 8);
 }
 
 void SWordArray::Reserve(std::uint64_t capacity) {
@@ -77,6 +79,7 @@ void SWordArray::Reserve(std::uint64_t capacity) {
   const std::uint64_t* former_words = words_;
   capacity_ = capacity;
   Allocate();
+  FillSoon();
   std::copy_n(former_words, size_, words_);
 }
 
@@ -163,6 +166,7 @@ void SDatabaseIndex::Resize(std::uint64_t slots) {
   SWordArray former = std::move(slots_);
   slots_ = SWordArray();
   slots_.Reset(slots);
+  slots_.FillSoon();
   used_ = 0;
   for (std::uint64_t i = 0; i < former.Size(); ++i) {
     const std::uint64_t slot = former.Get(i);

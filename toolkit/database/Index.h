@@ -28,11 +28,14 @@ class SWordArray {
     Load(i);
     return words_[i];
   }
+  void Prefetch(std::uint64_t i) const { __builtin_prefetch(words_ + i); }
   void Set(std::uint64_t i, std::uint64_t word) {
     Load(i);
     words_[i] = word;
   }
   void Push(std::uint64_t word);
+  /// Most of it is going to be written.
+  void FillSoon() const { ::FillSoon(memory_); }
   /// True when a block on disk was not what it should be; its words are zeros.
   [[nodiscard]] bool IsDamaged() const { return damaged_; }
   /// Appends all words in blocks.
@@ -50,6 +53,7 @@ class SWordArray {
   void Reserve(std::uint64_t capacity);
 
   SZeros memory_;
+  SPageMerger pages_;
   std::uint64_t* words_ = nullptr;
   std::uint64_t size_ = 0;
   std::uint64_t capacity_ = 0;
@@ -105,6 +109,10 @@ class SDatabaseIndex {
   void SetPlace(std::uint32_t id, const SRecordPlace& place);
   void Insert(std::uint32_t hash, std::uint32_t id);
 
+  /// Begins to fetch the slot of the hash into the processor's cache.
+  void Expect(std::uint32_t hash) const {
+    slots_.Prefetch(SlotOf(hash, slots_.Size()));
+  }
   /// Calls `visit` with the number of every section entered under the hash, in
   /// no order, until it returns false.
   template <typename Visit>

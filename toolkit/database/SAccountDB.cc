@@ -157,20 +157,22 @@ bool SAccountDB::GetAccountInfo(const SString& uid, SAccount* account) const {
 }
 
 SString SAccountDB::GetAccountUID(const S821Address& address) const {
-  if (address.IsNull() || !address.Route().IsEmpty() || !state_->Follow()) {
+  if (address.IsNull() || !address.Route().IsEmpty()) {
     return {};
   }
-  const std::string_view local_part = address.LocalPart().View();
   const std::string_view domain = address.Domain().View();
-  std::string text;
-  text.reserve(local_part.size() + 1 + domain.size());
-  text.append(local_part).append(domain.empty() ? "" : "@").append(domain);
+  const SLowerCaseText text(
+      {address.LocalPart().View(), domain.empty() ? "" : "@", domain});
+  // What memory takes to answer passes while the file is asked.
+  state_->file.ExpectLookUp(text.View());
+  if (!state_->Follow()) {
+    return {};
+  }
   std::uint32_t found = SDatabaseFile::kNone;
   bool is_reserved = false;
   SString uid;
   state_->file.ForEachWithAddress(
-      SLowerCaseText(text).View(),
-      [&](std::uint32_t id, std::string_view path) {
+      text.View(), [&](std::uint32_t id, std::string_view path) {
         const bool reserved = IsReserved(path.substr(1));
         if (reserved == is_reserved ? id < found : reserved) {
           found = id;

@@ -122,38 +122,6 @@ void SSection::AppendBody(std::string* out) const {
   out->append(keys_);
 }
 
-SSectionCursor::SSectionCursor(std::string_view body) : rest_(body) {
-  sound_ = TakeText(&rest_, &path_) && TakeNumber(&rest_, &keys_left_);
-}
-
-SSectionCursor::SSectionCursor(std::string_view keys, std::uint32_t key_count)
-    : sound_(true), rest_(keys), keys_left_(key_count) {}
-
-void SSectionCursor::SkipValues() {
-  std::string_view passed;
-  while (NextValue(&passed)) {
-  }
-}
-
-bool SSectionCursor::NextKey(std::string_view* name) {
-  SkipValues();
-  if (!sound_ || keys_left_ == 0) {
-    return false;
-  }
-  --keys_left_;
-  sound_ = TakeText(&rest_, name) && TakeNumber(&rest_, &values_left_);
-  return sound_;
-}
-
-bool SSectionCursor::NextValue(std::string_view* value) {
-  if (!sound_ || values_left_ == 0) {
-    return false;
-  }
-  --values_left_;
-  sound_ = TakeText(&rest_, value);
-  return sound_;
-}
-
 bool SSectionCursor::AtEnd() const {
   return sound_ && keys_left_ == 0 && values_left_ == 0 &&
          rest_.size() < kRecordAlignment &&

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "toolkit/SStringList.h"
+#include "toolkit/database/Bytes.h"
 #include "toolkit/database/Format.h"
 
 /// A section of a database: its path and its keys, sorted by bytes, each with
@@ -39,9 +40,12 @@ class SSection {
 class SSectionCursor {
  public:
   /// `body` is what follows `kRecordBody` in the record.
-  explicit SSectionCursor(std::string_view body);
+  explicit SSectionCursor(std::string_view body) : rest_(body) {
+    sound_ = TakeText(&rest_, &path_) && TakeNumber(&rest_, &keys_left_);
+  }
   /// `keys` are so many keys without a path before them.
-  SSectionCursor(std::string_view keys, std::uint32_t key_count);
+  SSectionCursor(std::string_view keys, std::uint32_t key_count)
+      : sound_(true), rest_(keys), keys_left_(key_count) {}
 
   /// False when the body isn't what a section's body looks like, as far as it
   /// was walked through.
@@ -52,11 +56,30 @@ class SSectionCursor {
   [[nodiscard]] std::uint32_t KeysLeft() const { return keys_left_; }
   /// Goes on to the next key, past values that weren't looked at; false after
   /// the last.
-  bool NextKey(std::string_view* name);
+  bool NextKey(std::string_view* name) {
+    SkipValues();
+    if (!sound_ || keys_left_ == 0) {
+      return false;
+    }
+    --keys_left_;
+    sound_ = TakeText(&rest_, name) && TakeNumber(&rest_, &values_left_);
+    return sound_;
+  }
   /// The next value of the key; false after its last.
-  bool NextValue(std::string_view* value);
+  bool NextValue(std::string_view* value) {
+    if (!sound_ || values_left_ == 0) {
+      return false;
+    }
+    --values_left_;
+    sound_ = TakeText(&rest_, value);
+    return sound_;
+  }
   /// Goes past the values of the key that weren't looked at.
-  void SkipValues();
+  void SkipValues() {
+    std::string_view passed;
+    while (NextValue(&passed)) {
+    }
+  }
   /// True when only padding is left.
   [[nodiscard]] bool AtEnd() const;
 

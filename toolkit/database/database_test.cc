@@ -326,6 +326,36 @@ TEST_F(DatabaseTest, ManyAccountsAreFoundAfterReopeningAndAppending) {
   EXPECT_EQ("User-8", database.AccountUIDList().Get(7).Std());
 }
 
+TEST_F(DatabaseTest, WhatWasLookedUpBeforeIsAnsweredAnewAfterAChange) {
+  SAccountDBMod writer;
+  for (unsigned i = 0; i < 200; ++i) {
+    const std::string uid = Numbered("U", i);
+    ASSERT_TRUE(
+        MakeAccount(writer, uid, SString((uid + "@example.com").c_str())));
+  }
+  SAccountDB reader;
+  const auto owner = [](const SAccountDB& database, const char* address) {
+    return database.GetAccountUID(S821Address(SString(address))).Std();
+  };
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ("U5", owner(reader, "u5@Example.com"));
+    EXPECT_EQ("U5", owner(writer, "u5@Example.com"));
+  }
+
+  SAccountMod account;
+  ASSERT_TRUE(writer.ModifyAccount("U5", &account));
+  ASSERT_TRUE(account.Set("SMTP-Address", "five@example.com"));
+  for (const SAccountDB* database :
+       {&reader, static_cast<SAccountDB*>(&writer)}) {
+    EXPECT_EQ("", owner(*database, "u5@example.com"));
+    EXPECT_EQ("U5", owner(*database, "five@example.com"));
+  }
+
+  ASSERT_TRUE(writer.DeleteAccount("U6"));
+  EXPECT_EQ("", owner(reader, "u6@example.com"));
+  EXPECT_EQ("", owner(writer, "u6@example.com"));
+}
+
 TEST_F(DatabaseTest, BehavesAsAMapUnderRandomChangesAndReopening) {
   std::mt19937 random(4711);
   std::map<std::string, std::string> model;
