@@ -10,8 +10,11 @@
 
 #include "toolkit/Files.h"
 #include "toolkit/database/Bytes.h"
+#include "toolkit/database/CheckIndex.h"
 #include "toolkit/database/Crc32c.h"
 #include "toolkit/database/DatabaseFile.h"
+#include "toolkit/database/Hash.h"
+#include "toolkit/database/TextForm.h"
 
 using namespace database_format;
 
@@ -64,6 +67,7 @@ class Inspector {
       return "version " + std::to_string(Get32(bytes_.data() + kHeadVersion));
     }
     chain_ = Get32(bytes_.data() + kSectorChecksum);
+    index_.Begin(Get64(bytes_.data() + kHeadSalt));
     struct stat status = {};
     if (fstat(fd_, &status) != 0 ||
         static_cast<std::uint64_t>(status.st_size) < synced_end_) {
@@ -105,19 +109,25 @@ class Inspector {
 
   std::string InspectContent(RecordType type) {
     const std::uint32_t id = Get32(bytes_.data() + kRecordId);
+    const std::string_view body = std::string_view(bytes_).substr(kRecordBody);
     SSection section;
+    std::string problem;
     switch (type) {
       case RecordType::kSection:
-        if (id > sections_ ||
-            !section.Decode(std::string_view(bytes_).substr(kRecordBody))) {
+        if (id > index_.Sections() || !section.Decode(body)) {
           return "record that holds no section" + At(offset_);
         }
-        sections_ += id == sections_ ? 1 : 0;
+        index_.TakeSection(id, {offset_, bytes_.size()}, body);
         return "";
       case RecordType::kRemoved:
-        return id < sections_ ? "" : "removal of nothing" + At(offset_);
+        if (id >= index_.Sections()) {
+          return "removal of nothing" + At(offset_);
+        }
+        index_.TakeRemoval(id);
+        return "";
       case RecordType::kIndex:
-        return InspectIndex();
+        problem = index_.Compare(bytes_);
+        return problem.empty() ? "" : problem + At(offset_);
       case RecordType::kReplaced:
         return "";
       default:
@@ -125,46 +135,51 @@ class Inspector {
     }
   }
 
-  std::string InspectIndex() {
-    if (bytes_.size() < kIndexHeadSize ||
-        (bytes_.size() - kIndexHeadSize) % kBlockSize != 0) {
-      return "impossible size of an index" + At(offset_);
-    }
-    std::uint32_t seed = chain_;
-    for (std::size_t at = kIndexHeadSize; at < bytes_.size();
-         at += kBlockSize) {
-      const char* block = bytes_.data() + at;
-      if (Get64(block + kBlockSize - 8) !=
-          Crc32c({block, kBlockSize - 8}, seed++)) {
-        return "wrong checksum of an index block" + At(offset_ + at);
-      }
-    }
-    return "";
-  }
-
   int fd_;
   std::string bytes_;
   std::uint64_t synced_end_ = kHeadSize;
   std::uint64_t offset_ = 0;
   std::uint32_t chain_ = 0;
-  std::uint32_t sections_ = 0;
+  SIndexCheck index_;
 };
 
-// True when every section is found under its path, so that the index agrees
-// with the records.
-std::string CompareIndex(SDatabaseFile* file) {
+// The first address of an account that a look-up doesn't find; "" if all are.
+std::string AddressNotFound(SDatabaseFile* file, std::uint32_t id,
+                            const SSection& section) {
+  if (section.Path().View().rfind('/') != 0) {
+    return "";
+  }
+  for (const SString& address : section.Get(kAddressKey)) {
+    bool found = false;
+    file->ForEachWithAddress(
+        SLowerCaseText(address.View()).View(),
+        [&](std::uint32_t other, std::string_view) { found |= other == id; });
+    if (!found) {
+      return address.Std();
+    }
+  }
+  return "";
+}
+
+// What a reader finds: every section under its path and its addresses, though
+// the records behind the index are found by what is taken in of them.
+std::string CompareLookUps(SDatabaseFile* file) {
   for (std::uint32_t id = 0; id < file->Sections(); ++id) {
     std::string_view body;
     if (!file->IsLive(id)) {
       continue;
     }
+    const std::string name = "section " + std::to_string(id);
     SSection section;
     if (!file->ReadBody(id, &body) || !section.Decode(body)) {
-      return "section " + std::to_string(id) + " can't be read";
+      return name + " can't be read";
     }
-    const std::string path(SSectionCursor(body).Path());
-    if (file->Find(path) != id) {
-      return "section " + std::to_string(id) + " isn't found by its path";
+    if (file->Find(section.Path().View()) != id) {
+      return name + " isn't found by its path";
+    }
+    const std::string address = AddressNotFound(file, id, section);
+    if (!address.empty()) {
+      return name + " isn't found by its address " + EscapeText(address, false);
     }
   }
   return "";
@@ -192,6 +207,6 @@ bool CheckDatabase(const std::string& path, std::string* problem) {
   if (!file.Open(path, SDatabaseFile::Access::kRead)) {
     return false;
   }
-  *problem = CompareIndex(&file);
+  *problem = CompareLookUps(&file);
   return problem->empty();
 }

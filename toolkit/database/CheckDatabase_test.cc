@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 #include "toolkit/database/Bytes.h"
+#include "toolkit/database/Crc32c.h"
 #include "toolkit/database/Section.h"
 #include "toolkit/database/TextForm.h"
 
@@ -23,6 +26,10 @@ class CheckDatabaseTest : public testing::Test {
   CheckDatabaseTest(const CheckDatabaseTest&) = delete;
   CheckDatabaseTest& operator=(const CheckDatabaseTest&) = delete;
 
+  [[nodiscard]] std::string Content() const {
+    std::ifstream in(path_, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
   // A database with the section "/a".
   void Make() const {
     SDatabaseFile file;
@@ -31,11 +38,62 @@ class CheckDatabaseTest : public testing::Test {
     ASSERT_TRUE(file.Begin(path_) && file.Store(section, &id) &&
                 file.Install(nullptr) && file.Close());
   }
+  // Accounts enough for an index in the file; some have had other addresses, one
+  // has gone.
+  static constexpr std::uint32_t kAccounts = 6000;
+  void MakeWithIndex() const {
+    SDatabaseFile file;
+    ASSERT_TRUE(file.Begin(path_));
+    for (std::uint32_t i = 0; i < kAccounts; ++i) {
+      SSection section(SString("/User-") + SString(static_cast<int>(i)));
+      std::uint32_t id = SDatabaseFile::kNone;
+      if (i % 100 == 0) {
+        section.Set("SMTP-Address", SString("old@") + section.Path());
+        ASSERT_TRUE(file.Store(section, &id));
+      }
+      SStringList addresses(SString("Ann@") + section.Path());
+      addresses.Push(SString("bob@") + section.Path());
+      section.Set("SMTP-Address", addresses);
+      ASSERT_TRUE(file.Store(section, &id));
+    }
+    ASSERT_TRUE(file.Remove(7) && file.Install(nullptr) && file.Close());
+  }
+  // Changes words of the index under right checksums; `slots` tells how many
+  // there are, `change` gets each with its number.
+  enum class Words { kPlaces, kSlots };
+  void ChangeIndex(
+      Words words,
+      const std::function<void(std::uint64_t, std::uint64_t*)>& change) const {
+    std::string bytes = Content();
+    using namespace database_format;
+    std::size_t at = kHeadSize;
+    while (Get32(bytes.data() + at + kRecordType) !=
+           static_cast<std::uint32_t>(RecordType::kIndex)) {
+      at += Get32(bytes.data() + at + kRecordSize);
+      ASSERT_LT(at, bytes.size());
+    }
+    const char* head = bytes.data() + at;
+    const std::uint64_t places =
+        (Get64(head + kIndexSections) + kWordsInBlock - 1) / kWordsInBlock;
+    const std::uint64_t count =
+        Get64(head + (words == Words::kSlots ? kIndexSlots : kIndexSections));
+    const std::uint64_t first = words == Words::kSlots ? places : 0;
+    for (std::uint64_t i = 0; i < count; ++i) {
+      const std::uint64_t block = first + i / kWordsInBlock;
+      char* start = bytes.data() + at + kIndexHeadSize + block * kBlockSize;
+      std::uint64_t word = Get64(start + i % kWordsInBlock * 8);
+      change(i, &word);
+      Put64(start + i % kWordsInBlock * 8, word);
+      Put64(start + kBlockSize - 8,
+            Crc32c({start, kBlockSize - 8},
+                   Get32(head) + static_cast<std::uint32_t>(block)));
+    }
+    std::ofstream(path_, std::ios::binary) << bytes;
+  }
   // Adds a record with right checksums behind what is known to be on disk.
   void AppendRecord(RecordType type, std::uint32_t id,
                     std::string_view body) const {
-    std::ifstream in(path_, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    std::string bytes = Content();
     std::size_t last = database_format::kHeadSize;
     std::size_t end = last;
     while (end < bytes.size() && Get32(bytes.data() + end + 4) != 0) {
@@ -78,6 +136,82 @@ TEST_F(CheckDatabaseTest, ARecordBehindTheSyncedEndMustHoldASection) {
   std::string text;
   ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kRead));
   EXPECT_FALSE(DatabaseAsText(&file, &text));
+}
+
+TEST_F(CheckDatabaseTest, AnIndexWithOutdatedSlotsIsSound) {
+  MakeWithIndex();
+  EXPECT_EQ("", Problem());
+}
+
+TEST_F(CheckDatabaseTest, AWrongWordUnderARightChecksumOfTheIndexIsFound) {
+  const struct {
+    Words words;
+    std::function<void(std::uint64_t, std::uint64_t*)> change;
+    const char* problem;
+  } kWrong[] = {
+      {Words::kSlots,
+       [left = 1](std::uint64_t, std::uint64_t* slot) mutable {
+         *slot = *slot != 0 && left-- > 0 ? *slot + 1 : *slot;
+       },
+       " in an index"},
+      {Words::kSlots,
+       [left = 1](std::uint64_t, std::uint64_t* slot) mutable {
+         *slot = *slot != 0 && left-- > 0 ? 0 : *slot;
+       },
+       "slot of section "},
+      {Words::kSlots,
+       [left = 1](std::uint64_t i, std::uint64_t* slot) mutable {
+         *slot = *slot == 0 && left-- > 0 ? i << 47 | 1 : *slot;
+       },
+       "slot"},
+      {Words::kSlots,
+       [](std::uint64_t, std::uint64_t* slot) {
+         *slot = *slot == 0 ? 1 : *slot;
+       },
+       "no free slot in an index"},
+      {Words::kPlaces,
+       [](std::uint64_t id, std::uint64_t* place) {
+         *place = id == 700 ? *place + 3 : *place;
+       },
+       "wrong place of section 700 in an index"},
+      {Words::kPlaces,
+       [](std::uint64_t id, std::uint64_t* place) {
+         *place = id == 700 ? 0 : *place;
+       },
+       "wrong place of section 700 in an index"},
+  };
+  for (const auto& wrong : kWrong) {
+    std::filesystem::remove(path_);
+    MakeWithIndex();
+    ChangeIndex(wrong.words, wrong.change);
+    EXPECT_NE(std::string::npos, Problem().find(wrong.problem))
+        << "want " << wrong.problem << ", got " << Problem();
+  }
+}
+
+TEST_F(CheckDatabaseTest, AFlippedBitInTheIndexIsDamageAndNotAMiss) {
+  MakeWithIndex();
+  std::string bytes = Content();
+  // All blocks of slots lie at the end of the file.
+  for (std::size_t at = bytes.size() - 20 * database_format::kBlockSize;
+       at < bytes.size(); at += database_format::kBlockSize) {
+    bytes[at] = static_cast<char>(bytes[at] ^ 1);
+  }
+  std::ofstream(path_, std::ios::binary) << bytes;
+  EXPECT_NE(std::string::npos, Problem().find("wrong checksum"));
+  SDatabaseFile file;
+  ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kWrite));
+  int damaged = 0;
+  for (int i = 0; i < 100; ++i) {
+    const SString path = SString("/User-") + SString(i);
+    if (file.Find(path.View()) == SDatabaseFile::kNone && i != 7) {
+      EXPECT_EQ(EBADMSG, errno);
+      ++damaged;
+    }
+  }
+  EXPECT_LT(0, damaged);
+  std::uint32_t id = SDatabaseFile::kNone;
+  EXPECT_FALSE(file.Store(SSection("/New"), &id));
 }
 
 }  // namespace
