@@ -212,6 +212,27 @@ TEST_F(CheckDatabaseTest, AFlippedBitInTheIndexIsDamageAndNotAMiss) {
   EXPECT_LT(0, damaged);
   std::uint32_t id = SDatabaseFile::kNone;
   EXPECT_FALSE(file.Store(SSection("/New"), &id));
+  EXPECT_FALSE(file.Close());
+}
+
+TEST_F(CheckDatabaseTest, ClosingSaysThatDamageWasFoundAndKeepsWhatWasStored) {
+  MakeWithIndex();
+  std::string bytes = Content();
+  bytes[bytes.find("Ann@/User-77")] = '!';
+  std::ofstream(path_, std::ios::binary) << bytes;
+  SDatabaseFile file;
+  ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kWrite));
+  std::uint32_t id = SDatabaseFile::kNone;
+  ASSERT_TRUE(file.Store(SSection("/New"), &id));
+  SSection section;
+  ASSERT_TRUE(file.Read(76, &section));
+  ASSERT_FALSE(file.Read(77, &section));
+  EXPECT_EQ(EBADMSG, errno);
+  errno = 0;
+  EXPECT_FALSE(file.Close());
+  EXPECT_EQ(EBADMSG, errno);
+  ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kRead));
+  EXPECT_NE(SDatabaseFile::kNone, file.Find("/New"));
 }
 
 }  // namespace

@@ -38,7 +38,8 @@ class SDatabaseFile {
   [[nodiscard]] bool IsOpen() const { return fd_.IsOpen(); }
   [[nodiscard]] bool IsWriter() const { return writes_; }
   /// Everything stored is on disk for certain; the index is saved when much has
-  /// changed, useless space given back.
+  /// changed, useless space given back.  False also when this writer has found
+  /// the file damaged (EBADMSG).
   bool Close();
 
   /// Takes in what a writer in another process has stored since, in a new file

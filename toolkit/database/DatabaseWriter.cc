@@ -253,14 +253,13 @@ bool SDatabaseFile::Sync() {
   if (!writes_) {
     return true;
   }
-  if (damaged_) {
+  const bool on_disk = (synced_end_ == end_ && sync_error_ == 0) || SyncData();
+  if (damaged_ || index_.IsDamaged()) {
+    // What was stored before the damage was met stays stored all the same.
     errno = EBADMSG;
     return false;
   }
-  if (synced_end_ != end_ || sync_error_ != 0) {
-    return SyncData();
-  }
-  return true;
+  return on_disk;
 }
 
 // The index goes into the file when what it lacks would take long to read.  Its
@@ -299,9 +298,7 @@ bool SDatabaseFile::Close() {
     Forget();
     return true;
   }
-  const bool sound = !damaged_ && !index_.IsDamaged();
-  bool done = true;
-  if (sound) {
+  if (!damaged_ && !index_.IsDamaged()) {
     if (WorthCompacting(2, kLeastReserve)) {
       (void)Compact();
     } else {
@@ -312,8 +309,8 @@ bool SDatabaseFile::Close() {
       const SHoldSignals hold;
       (void)!ftruncate(fd_.Get(), static_cast<off_t>(end_));
     }
-    done = Sync();
   }
+  const bool done = Sync();
   const int cause = errno;
   Forget();
   errno = cause;
