@@ -223,7 +223,7 @@ def become(user):
 class Program:
     """A program under test and its console."""
 
-    def __init__(self, path, argv, stdin, cwd, env, user, limits):
+    def __init__(self, path, argv, stdin, cwd, env, user, limits, stty):
         self.status = None
         self.switches = -1
         self.sent = 0.0
@@ -236,6 +236,8 @@ class Program:
                 raw[1] &= ~termios.OPOST
                 raw[3] &= ~termios.ECHO
                 termios.tcsetattr(child, termios.TCSANOW, raw)
+            if stty:
+                subprocess.run(["stty", *stty.split()], stdin=child, check=True)
             child_in = child_out = child_err = child
             self.input = self.output = self.console
             self.errors = None
@@ -330,8 +332,8 @@ class Program:
 
 
 @request
-def run(path, argv, stdin, cwd, env, user, limits):
-    program = Program(path, argv, stdin, cwd, env, user, limits)
+def run(path, argv, stdin, cwd, env, user, limits, stty):
+    program = Program(path, argv, stdin, cwd, env, user, limits, stty)
     PROGRAMS[program.pid] = program
     return program.pid
 

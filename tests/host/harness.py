@@ -330,7 +330,8 @@ class Host:
 
     def run(self, program, answers=(), args=(), terminal=False, stdin=None,
             input=None, user=None, cwd="/opt/vellumcraft", env=None,
-            argv0=None, timeout=30, signal_at=None, until=None, limits=None):
+            argv0=None, timeout=30, signal_at=None, until=None, limits=None,
+            stty=""):
         """Runs a program and answers its questions; a Run.
 
         program     a name in the build directory, or a path
@@ -348,6 +349,7 @@ class Host:
         signal_at   {part of a prompt: signal}, sent once at that prompt
         until       ends the program by SIGKILL when it has written this text
         limits      {"RLIMIT_FSIZE": 0, ...}
+        stty        how the terminal is set before, as "rows 10 cols 40"
         """
         path = str(BUILD / program) if "/" not in program else program
         run = Run()
@@ -356,7 +358,8 @@ class Host:
         pid = self.ask(
             "run", path=path, argv=[argv0 or path, *args],
             stdin=stdin or ("pty" if terminal else "pipe"), cwd=cwd, user=user,
-            env=dict(ENVIRONMENT, **(env or {})), limits=limits or {})
+            env=dict(ENVIRONMENT, **(env or {})), limits=limits or {},
+            stty=stty)
         if input is not None:
             self.ask("send", pid=pid, data=input)
             self.ask("close_input", pid=pid)

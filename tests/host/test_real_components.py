@@ -6,37 +6,14 @@ the throw-away hosts only; nothing is installed on this machine.
 
 import re
 import socket
-import subprocess
 
 import pytest
 
-from harness import BUILD, HostError, check_screen
+from harness import HostError, check_screen
+from real_packages import unpack
 
-CACHE = BUILD / "real-packages"
 SENDMAIL = "/usr/lib/sendmail"
 TARGET = "../../opt/vellumcraft/bin/sendmail"
-
-
-def download(package):
-    """A directory with the package and what it needs and this machine lacks."""
-    directory = CACHE / package
-    if not list(directory.glob("*.deb")):
-        (directory / "partial").mkdir(parents=True, exist_ok=True)
-        command = ["apt-get", "install", "-qq", "-y", "--download-only",
-                   "--reinstall", "--no-install-recommends", "-o",
-                   f"Dir::Cache::archives={directory}", package]
-        if subprocess.run(command, capture_output=True).returncode != 0:
-            subprocess.run(["apt-get", "update", "-qq"], capture_output=True)
-            subprocess.run(command, capture_output=True)
-    if not list(directory.glob("*.deb")):
-        pytest.skip(f"the package {package} can't be downloaded")
-    return directory
-
-
-def unpack(host, package):
-    host.sh(f"for deb in '{download(package)}'/*.deb; do"
-            " dpkg-deb --fsys-tarfile \"$deb\" |"
-            " tar -x --keep-directory-symlink -C / || exit; done")
 
 
 def account(host, name, uid):
