@@ -38,6 +38,19 @@ std::size_t FindSlash(std::string_view text, std::size_t from) {
   return std::string_view::npos;
 }
 
+// The text of a substitution, "\\/" standing for a slash.
+SString WithPlainSlashes(std::string_view text) {
+  std::string plain;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 1 < text.size()) {
+      ++i;
+      plain += text[i] == '/' ? "" : "\\";
+    }
+    plain += text[i];
+  }
+  return SString(std::move(plain));
+}
+
 Filter ParseFilter(std::string_view text) {
   Filter filter;
   if (text.starts_with("s/")) {
@@ -47,7 +60,8 @@ Filter ParseFilter(std::string_view text) {
     if (end != std::string_view::npos) {
       filter.form = Filter::Form::kSubstitute;
       filter.pattern = SString(text.substr(2, middle - 2));
-      filter.replacement = SString(text.substr(middle + 1, end - middle - 1));
+      filter.replacement =
+          WithPlainSlashes(text.substr(middle + 1, end - middle - 1));
     }
     return filter;
   }

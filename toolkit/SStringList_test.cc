@@ -141,6 +141,7 @@ TEST(SStringListTest, GrepHasThreeForms) {
       {"s/o//", ListOf({"# cmment", "  pp3 stream"})},
       {"/x/y/", ListOf({"x/y"})},
       {"s/x\\/y/z/", ListOf({"z"})},
+      {"s/x\\/(y)/$1\\/x\\\\\\//", ListOf({"y/x\\\\/"})},
       {"/(/", SStringList()},
       {"stream", SStringList()},
       {"s/stream/", SStringList()},
