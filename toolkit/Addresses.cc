@@ -5,7 +5,8 @@
 // ("J. R. Smith <jrs@x.org>"), bytes from 0x80 up are parts of words, though
 // not of domains, and an address needs no domain.  Line ends and NUL bytes are
 // refused in quotes and literals: they could not be passed on.  An element that
-// does not parse is passed over up to its comma and counts as an empty address.
+// does not parse is passed over up to its comma and counts as an empty address;
+// so does what begins a group that nothing closes, and text behind a group.
 
 #include "toolkit/Addresses.h"
 
@@ -150,7 +151,11 @@ struct Mailbox {
 
 class Reader {
  public:
-  explicit Reader(std::string_view text) : tokens_(Tokenize(text)) {}
+  explicit Reader(std::string_view text) : tokens_(Tokenize(text)) {
+    for (std::size_t i = tokens_.size(); i > 0 && last_semicolon_ == 0; --i) {
+      last_semicolon_ = tokens_[i - 1].Is(';') ? i - 1 : 0;
+    }
+  }
 
   [[nodiscard]] bool AtEnd() const { return Now().kind == Kind::kEnd; }
 
@@ -169,12 +174,15 @@ class Reader {
   // Whether a phrase, if any, and then `special` come next.
   bool PhraseLeadsTo(char special) const;
   void SkipPhrase();
+  // Goes to the end of the element; false when it is there already.
+  bool SkipElement();
   bool ReadDotted(SString* text, bool is_domain);
   bool ReadRoute(SString* route);
   bool ReadSpec(Mailbox* mailbox);
 
   std::vector<Token> tokens_;
   std::size_t at_ = 0;
+  std::size_t last_semicolon_ = 0;
   bool in_group_ = false;
 };
 
@@ -244,15 +252,24 @@ bool Reader::ReadAddress(Mailbox* mailbox) {
   return ReadSpec(mailbox) && Take('>');
 }
 
+bool Reader::SkipElement() {
+  const bool skips = !EndsElement();
+  while (!EndsElement()) {
+    ++at_;
+  }
+  return skips;
+}
+
 bool Reader::ReadElement(Mailbox* mailbox, bool* good) {
   if (Take(',')) {
     return false;
   }
   if (in_group_ && Take(';')) {
     in_group_ = false;
-    return false;
+    return SkipElement();
   }
-  if (!in_group_ && !Now().Is(':') && PhraseLeadsTo(':')) {
+  if (!in_group_ && at_ < last_semicolon_ && !Now().Is(':') &&
+      PhraseLeadsTo(':')) {
     SkipPhrase();
     Take(':');
     in_group_ = true;
@@ -261,10 +278,8 @@ bool Reader::ReadElement(Mailbox* mailbox, bool* good) {
   if (PhraseLeadsTo('<')) {
     SkipPhrase();
   }
-  *good = ReadAddress(mailbox) && EndsElement();
-  while (!EndsElement()) {
-    ++at_;
-  }
+  const bool is_address = ReadAddress(mailbox);
+  *good = !SkipElement() && is_address;
   return true;
 }
 

@@ -61,6 +61,11 @@ TEST(AddressesTest, ListsAsPeopleTypeThem) {
       {"<bad bad>, ann", "<> | ann"},
       {"g: bad bad, ann;, bob", "<> | ann | bob"},
       {":ann, bob", "<> | bob"},
+      {"staff: ann, bob", "<> | bob"},
+      {"a: b;, c: d, e", "b | <> | e"},
+      {"a: b; c, d", "b | <> | d"},
+      {"a: b; c: d;", "b | <>"},
+      {"a:; b", "<>"},
   };
   for (const Case& c : kCases) {
     EXPECT_EQ(Parsed(c.text), c.want) << c.text;
