@@ -88,13 +88,14 @@ char AskMethod(const SUserImport& import) {
   return AskLetter(prompt, is_optional ? "N" : "P");
 }
 
-// A stream over a password file, opened as root; null when it can't be.
+// A stream over a password file, opened as root; null when it can't be.  What is
+// no regular file might never begin, or never end.
 FILE* OpenPasswordFile(const SString& path) {
   const SActAs as_root(SActAs::Root{});
-  SDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  SDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   struct stat status = {};
   if (!file.IsOpen() || fstat(file.Get(), &status) != 0 ||
-      S_ISDIR(status.st_mode)) {
+      !S_ISREG(status.st_mode)) {
     return nullptr;
   }
   FILE* stream = fdopen(file.Get(), "r");

@@ -210,3 +210,13 @@ def test_a_user_who_goes_meanwhile_gets_no_account(host):
     assert "3 UNIX accounts found." in run.text
     assert "(Ann)" not in run.text and "(Bob)....created\n" in run.text
     assert sorted(accounts(host)) == ["Bob", "root-2"]
+
+
+@pytest.mark.parametrize("path, make", [
+    ("/tmp/fifo", "mkfifo /tmp/fifo"), ("/dev/zero", "true"),
+    ("/tmp/link", "ln -s /dev/zero /tmp/link"), ("/dev/null", "true")])
+def test_only_a_regular_file_is_read_for_users(host, path, make):
+    host.sh(make)
+    run = start(host, FULL, ["f", path, "no"])
+    assert f"WARNING: couldn't open {path} to determine the user" in run.text
+    assert run.status == 0
