@@ -136,6 +136,10 @@ void Scan::Skip(const SString& name, const SString& login, const char* reason) {
 
 void Scan::Take(const passwd& entry) {
   const SString login(entry.pw_name);
+  if (login.IsEmpty()) {
+    // No login at all, and no mail address can be made of it.
+    return;
+  }
   const SString password = PasswordOf(entry);
   const SString name = FullName(entry.pw_gecos, login);
   SString home(entry.pw_dir);

@@ -220,3 +220,14 @@ def test_only_a_regular_file_is_read_for_users(host, path, make):
     run = start(host, FULL, ["f", path, "no"])
     assert f"WARNING: couldn't open {path} to determine the user" in run.text
     assert run.status == 0
+
+
+def test_an_entry_without_a_login_is_nobodys(host):
+    nobody = "::5000:100:No Login:/home/nologin:/bin/sh\n"
+    host.user("ann", 1001, gecos="Ann")
+    host.write("/etc/passwd", host.read("/etc/passwd") + nobody.encode())
+    host.write("/tmp/pw", nobody + ANN)
+    run = start(host, FULL, ["f", "/tmp/pw", "x.org"])
+    assert "\n1 UNIX accounts found." in run.text
+    assert run.text.count(")....created\n") == 1
+    assert list(accounts(host)) == ["Ann"]
