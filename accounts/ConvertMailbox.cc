@@ -28,6 +28,7 @@
 #include "toolkit/Environment.h"
 #include "toolkit/Files.h"
 #include "toolkit/Privileges.h"
+#include "toolkit/Signals.h"
 #include "toolkit/database/SAccountDB.h"
 #include "toolkit/database/Sdbfile.h"
 
@@ -136,6 +137,7 @@ SString LoginOf(const SString& spool) {
 
 bool MoveMessages(SSpoolFile* spool, const SString& directory,
                   SPopMailbox* mailbox, char* buffer) {
+  const SFailAtSizeLimit no_signal;  // once for all messages
   if (!mailbox->Make()) {
     FailToCreate(directory);
     mailbox->Undo();

@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "toolkit/Signals.h"
+
 namespace {
 
 class FilesTest : public testing::Test {
@@ -201,10 +203,17 @@ TEST_F(FilesTest, WriteAllReportsALimitWithoutASignal) {
   ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
   const bool written = WriteAll(file.Get(), "four");
   const int cause = errno;
+  bool written_within = false;
+  {
+    const SFailAtSizeLimit no_signal;
+    written_within = WriteAll(file.Get(), "four");
+    written_within = WriteAll(file.Get(), "four") || written_within;
+  }
   ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &former));
 
   EXPECT_FALSE(written);
   EXPECT_EQ(cause, EFBIG);
+  EXPECT_FALSE(written_within);
   ASSERT_EQ(0, sigaction(SIGXFSZ, nullptr, &action));
   EXPECT_EQ(SIG_DFL, action.sa_handler);
 }

@@ -3,6 +3,14 @@
 #include <cerrno>
 #include <initializer_list>
 
+namespace {
+
+// That fail at the size limit, one within another.  A signal handler may begin
+// one at any time: the count tells only of signals that are ignored already.
+volatile std::sig_atomic_t blocks = 0;
+
+}  // namespace
+
 SHoldSignals::SHoldSignals() {
   sigset_t held;
   sigemptyset(&held);
@@ -19,12 +27,19 @@ SHoldSignals::~SHoldSignals() {
 }
 
 SFailAtSizeLimit::SFailAtSizeLimit() : former_{} {
-  struct sigaction ignore = {};
-  ignore.sa_handler = SIG_IGN;
-  sigaction(SIGXFSZ, &ignore, &former_);
+  if (blocks == 0) {
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGXFSZ, &ignore, &former_);
+  }
+  blocks = blocks + 1;
 }
 
 SFailAtSizeLimit::~SFailAtSizeLimit() {
+  blocks = blocks - 1;
+  if (blocks > 0) {
+    return;
+  }
   const int former_errno = errno;
   sigaction(SIGXFSZ, &former_, nullptr);
   errno = former_errno;

@@ -17,7 +17,8 @@ class [[nodiscard]] SHoldSignals {
 
 /// To the end of the enclosing block what would make a file larger than the
 /// process may make it fails with EFBIG, as a full disk fails, instead of ending
-/// the process by SIGXFSZ.
+/// the process by SIGXFSZ.  Costs no system call within a block that has it
+/// already.
 class [[nodiscard]] SFailAtSizeLimit {
  public:
   SFailAtSizeLimit();
