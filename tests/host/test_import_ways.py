@@ -231,3 +231,18 @@ def test_an_entry_without_a_login_is_nobodys(host):
     assert "\n1 UNIX accounts found." in run.text
     assert run.text.count(")....created\n") == 1
     assert list(accounts(host)) == ["Ann"]
+
+
+def test_an_import_waits_for_another_one(host):
+    host.user("ann", 1001, gecos="Ann")
+    host.user("bob", 1002, gecos="Bob")
+    host.write("/tmp/ann", ANN)
+    host.write("/tmp/bob", BOB)
+    start(host, ALONE, ["f", "/tmp/ann", "x.org"])
+    path = "/opt/vellumcraft/config/Accounts"
+    # As long as another import of some hundred users takes.
+    host.sh(f"flock {path} sleep 4 </dev/null >/dev/null 2>&1 & "
+            f"while flock -n {path} true; do :; done")
+    run = start(host, ALONE, ["f", "/tmp/bob", "x.org"])
+    assert "couldn't create the account!" not in run.text
+    assert sorted(accounts(host)) == ["Ann", "Bob"]

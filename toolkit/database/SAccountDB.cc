@@ -248,7 +248,15 @@ SAccountDBMod::SAccountDBMod() = default;
 SAccountDBMod::~SAccountDBMod() = default;
 
 bool SAccountDBMod::BecomeWriter() {
-  return state_->OpenForWriting();
+  // Each try waits a second.  Who waited in vain does not wait as long again.
+  do {
+    if (state_->OpenForWriting()) {
+      seconds_to_wait_ = kSecondsToWait;
+      return true;
+    }
+  } while (errno == EWOULDBLOCK && --seconds_to_wait_ > 0);
+  seconds_to_wait_ = 1;
+  return false;
 }
 
 bool SAccountDBMod::ModifyAccount(const SString& uid, SAccountMod* account) {

@@ -104,8 +104,9 @@ class SAccountDBMod : public SAccountDB {
   SAccountDBMod();
   ~SAccountDBMod() override;
 
-  /// Waits, a second at most, until no other process changes the database and
-  /// keeps the others from it to `CloseDB`; the first change does so by itself.
+  /// Waits, half a minute at most and a second after having waited in vain, until
+  /// no other process changes the database and keeps the others from it to
+  /// `CloseDB`; the first change does so by itself, but waits a second only.
   /// What was looked up before may have changed.  False with `errno` set when the
   /// database can't be changed, `EWOULDBLOCK` when another process still does.
   [[nodiscard]] bool BecomeWriter();
@@ -118,6 +119,10 @@ class SAccountDBMod : public SAccountDB {
   /// Everything stored is on disk for certain.  Called at the end of a task;
   /// the destructor does the same.
   bool CloseDB();
+
+ private:
+  static constexpr int kSecondsToWait = 30;
+  int seconds_to_wait_ = kSecondsToWait;
 };
 
 /// A free UID made of the full name: every run of bytes other than ASCII
