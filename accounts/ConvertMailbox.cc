@@ -165,7 +165,9 @@ bool MoveMessages(SSpoolFile* spool, const SString& directory,
   while (!spool->IsAtEnd()) {
     if (!CopyToEnd(spool, &reader, buffer) || !reader.Finish() ||
         !mailbox->Sync()) {
-      return FailToCreate(directory);
+      FailToCreate(directory);
+      // Rather twice, in part, than lost.
+      return spool->PutBack() ? false : FailToOpen(spool->Path(), errno);
     }
   }
   return true;

@@ -216,6 +216,44 @@ TEST_F(ConvertMailboxTest, ASpoolThatGoesWhileItIsLockedLeavesNothingToDo) {
   EXPECT_FALSE(fs::exists(Spool() + ".lock"));
 }
 
+TEST_F(ConvertMailboxTest, WhatCameUpToTheRemovalCanBePutBack) {
+  const std::string late = "From b\nlate\n";
+  for (const std::string& next : {std::string(), std::string("From c\n\n")}) {
+    WriteSpool("From a\nhi\n");
+    ASSERT_EQ(0, chmod(Spool().c_str(), 0640));
+    SSpoolFile spool(Spool().c_str());
+    ASSERT_EQ(0, spool.Open());
+    char buffer[100];
+    ASSERT_EQ(10, spool.Read(buffer, sizeof buffer));
+    // An agent without locks has the file open.
+    std::ofstream agent(Spool(), std::ios::binary | std::ios::app);
+    ASSERT_TRUE(spool.Remove());
+    agent << late << std::flush;
+    ASSERT_EQ(static_cast<ssize_t>(late.size()),
+              spool.Read(buffer, sizeof buffer));
+    if (!next.empty()) {
+      WriteSpool(next);
+    }
+    EXPECT_TRUE(spool.PutBack());
+    std::ifstream in(Spool(), std::ios::binary);
+    EXPECT_EQ(next + late, std::string(std::istreambuf_iterator<char>(in), {}));
+    struct stat status = {};
+    ASSERT_EQ(0, stat(Spool().c_str(), &status));
+    if (next.empty()) {
+      EXPECT_EQ(0640U, status.st_mode & 0777);
+    }
+    fs::remove(Spool());
+  }
+  // What somebody else has put there meanwhile is left alone.
+  WriteSpool("From a\nhi\n");
+  SSpoolFile spool(Spool().c_str());
+  ASSERT_EQ(0, spool.Open());
+  ASSERT_TRUE(spool.Remove());
+  fs::create_symlink("/dev/null", Spool());
+  EXPECT_FALSE(spool.PutBack());
+  EXPECT_EQ(ELOOP, errno);
+}
+
 TEST_F(ConvertMailboxTest, OnlyALockOfARunThatIsOverIsTakenOver) {
   // No process has the greatest number; the tests' own one lives.
   const std::string gone = std::to_string(INT_MAX);

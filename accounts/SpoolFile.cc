@@ -175,5 +175,39 @@ SString SSpoolFile::Version() const {
 
 bool SSpoolFile::Remove() {
   const SActAs as_root(SActAs::Root{});
+  removed_at_ = offset_;
   return NamesThisFile() && RemoveFile(path_);
+}
+
+bool SSpoolFile::PutBack() const {
+  constexpr int kFlags =
+      O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  const SActAs as_root(SActAs::Root{});
+  struct stat former = {};
+  std::string late;
+  if (fstat(file_.Get(), &former) != 0 ||
+      lseek(file_.Get(), removed_at_, SEEK_SET) != removed_at_ ||
+      !ReadToEnd(file_.Get(), &late)) {
+    return false;
+  }
+  SDescriptor spool(open(path_, kFlags | O_CREAT | O_EXCL, 0600));
+  if (spool.IsOpen()) {
+    if (fchown(spool.Get(), former.st_uid, former.st_gid) != 0 ||
+        fchmod(spool.Get(), former.st_mode & 07777) != 0) {
+      return false;
+    }
+  } else if (errno == EEXIST) {
+    spool = SDescriptor(open(path_, kFlags));
+  }
+  struct stat status = {};
+  if (!spool.IsOpen() || fstat(spool.Get(), &status) != 0) {
+    return false;
+  }
+  if (!S_ISREG(status.st_mode) || status.st_nlink != 1 ||
+      status.st_uid != former.st_uid) {
+    errno = EPERM;
+    return false;
+  }
+  return WriteAll(spool.Get(), late) &&
+         TEMP_FAILURE_RETRY(fsync(spool.Get())) == 0 && spool.Close();
 }

@@ -42,6 +42,10 @@ class SSpoolFile {
   [[nodiscard]] SString Version() const;
   /// Removes the file; false when the path is another file by now.
   [[nodiscard]] bool Remove();
+  /// Puts what was written behind the bytes read up to `Remove` into the spool
+  /// again, behind what has come there since; false with `errno` set when some of
+  /// it may be missing there.
+  [[nodiscard]] bool PutBack() const;
 
  private:
   [[nodiscard]] int TakeLocks();
@@ -56,4 +60,5 @@ class SSpoolFile {
   struct stat dot_lock_ = {};
   bool has_read_error_ = false;
   off_t offset_ = 0;
+  off_t removed_at_ = 0;
 };
