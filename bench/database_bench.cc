@@ -206,10 +206,10 @@ void CreateCounted(benchmark::State& state, std::size_t count) {
   }
 }
 
-// A database of `count` accounts, made once and kept for all rounds.
+// A database of `count` accounts for one use, made once and kept for all rounds.
 template <typename Store>
-std::string Prepared(std::size_t count) {
-  const std::string directory = PathOf("kept-" + std::to_string(count));
+std::string Prepared(const std::string& use, std::size_t count) {
+  const std::string directory = PathOf(use + "-" + std::to_string(count));
   const std::string done = directory + "/" +
                            (std::is_same_v<Store, OurStore> ? "ours" : "lmdb") +
                            "-done";
@@ -229,7 +229,7 @@ std::string Prepared(std::size_t count) {
 
 template <typename Store>
 void Set(benchmark::State& state, bool with_reader) {
-  const std::string directory = Prepared<Store>(kMany);
+  const std::string directory = Prepared<Store>("changed", kMany);
   const auto& accounts = ManyAccounts<typename Store::Account>();
   const std::vector<std::size_t> numbers = ShuffledNumbers(kSets, kMany);
   for (auto _ : state) {
@@ -259,7 +259,7 @@ void Set(benchmark::State& state, bool with_reader) {
 
 template <typename Store>
 void LookUp(benchmark::State& state, std::size_t count, bool hit) {
-  const std::string directory = Prepared<Store>(count);
+  const std::string directory = Prepared<Store>("read", count);
   // Both get the address in the type that their callers have.
   std::vector<typename Store::Address> addresses;
   for (const std::size_t number : ShuffledNumbers(kLookUps, count)) {
@@ -283,7 +283,7 @@ void LookUp(benchmark::State& state, std::size_t count, bool hit) {
 
 template <typename Store>
 void Open(benchmark::State& state, std::size_t count) {
-  const std::string directory = Prepared<Store>(count);
+  const std::string directory = Prepared<Store>("read", count);
   const std::vector<std::size_t> numbers = ShuffledNumbers(kLookUps, count);
   std::size_t i = 0;
   bool right = true;
