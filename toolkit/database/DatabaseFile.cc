@@ -18,6 +18,7 @@ namespace {
 
 constexpr std::size_t kReadAhead = 65536;
 constexpr std::size_t kCacheLine = 64;
+constexpr std::uint64_t kWriterReads = 8 * kBlockSize;
 constexpr std::uint64_t kMostKept = std::uint64_t{1} << 30;
 // A writer that changes a mark while it is read is long done after these.
 constexpr int kTriesToReadHead = 100;
@@ -35,6 +36,17 @@ std::int64_t CoarseSeconds() {
 
 bool SectorIsSound(const char* sector) {
   return Get32(sector + kSectorChecksum) == Crc32c({sector, kSectorChecksum});
+}
+
+// The addresses of a section as they lie in its record.
+std::string_view AddressesOf(std::string_view body) {
+  SSectionCursor cursor(body);
+  if (!cursor.FindKey(kAddressKey)) {
+    return {};
+  }
+  const std::string_view from = cursor.Rest();
+  cursor.SkipValues();
+  return from.substr(0, from.size() - cursor.Rest().size());
 }
 
 // False with EBADMSG when the file ends before.
@@ -231,28 +243,36 @@ bool SDatabaseFile::TakeRecord(std::string_view record, std::uint64_t size) {
 }
 
 bool SDatabaseFile::TakeSection(std::uint32_t id, std::string_view record) {
-  SSectionCursor cursor(record.substr(kRecordBody));
+  const std::string_view body = record.substr(kRecordBody);
+  const SSectionCursor cursor(body);
   if (id > index_.Sections() || !cursor.IsSound()) {
     return false;
   }
-  const std::string_view path = cursor.Path();
   const bool is_new = id == index_.Sections();
+  const bool is_account = cursor.Path().rfind('/') == 0;
+  // Most changes of an account leave its addresses as they are.
+  std::string_view former;
+  const bool same_addresses = is_account && id < verified_.size() &&
+                              verified_[id] && ReadBody(id, &former) &&
+                              AddressesOf(former) == AddressesOf(body);
   SetPlace(id, {end_, record.size()});
   if (is_new) {
-    index_.Insert(HashOfPath(path), id);
+    index_.Insert(HashOfPath(cursor.Path()), id);
   }
-  if (path.rfind('/') != 0) {
-    return true;
-  }
-  std::string_view text;
-  while (cursor.NextKey(&text)) {
-    if (text == kAddressKey) {
-      while (cursor.NextValue(&text)) {
-        index_.Insert(HashOfAddress(SLowerCaseText(text).View()), id);
-      }
-    }
+  if (is_account && !same_addresses) {
+    EnterAddresses(id, body);
   }
   return true;
+}
+
+void SDatabaseFile::EnterAddresses(std::uint32_t id, std::string_view body) {
+  SSectionCursor cursor(body);
+  std::string_view address;
+  if (cursor.FindKey(kAddressKey)) {
+    while (cursor.NextValue(&address)) {
+      index_.Insert(HashOfAddress(SLowerCaseText(address).View()), id);
+    }
+  }
 }
 
 bool SDatabaseFile::Follow() {
@@ -338,14 +358,11 @@ bool SDatabaseFile::BodyHasAddress(std::string_view body,
                                    std::string_view address) {
   SSectionCursor cursor(body);
   std::string_view text;
-  while (cursor.NextKey(&text)) {
-    if (text == kAddressKey) {
-      while (cursor.NextValue(&text)) {
-        if (IsSameInLowerCase(text, address)) {
-          return true;
-        }
+  if (cursor.FindKey(kAddressKey)) {
+    while (cursor.NextValue(&text)) {
+      if (IsSameInLowerCase(text, address)) {
+        return true;
       }
-      return false;
     }
   }
   return false;
@@ -433,19 +450,37 @@ bool SDatabaseFile::ReadAt(std::uint64_t offset, std::uint64_t size,
 }
 
 bool SDatabaseFile::LoadBlocks(std::uint64_t offset, std::uint64_t size) {
-  for (std::uint64_t block = offset / kBlockSize;
-       block <= (offset + size - 1) / kBlockSize; ++block) {
+  const std::uint64_t last = (offset + size - 1) / kBlockSize;
+  for (std::uint64_t block = offset / kBlockSize; block <= last; ++block) {
     if (kept_blocks_[block]) {
       continue;
     }
     const std::uint64_t at = block * kBlockSize;
-    if (!ReadWhole(fd_.Get(), kept_.get() + at, kBlockSize, at)) {
+    // Who changes some sections mostly changes their neighbours, too.
+    const std::uint64_t ahead = at / kWriterReads * kWriterReads;
+    if (writes_ && ahead + kWriterReads <= end_ &&
+        ahead + kWriterReads <= kept_blocks_.size() * kBlockSize) {
+      if (!ReadWhole(fd_.Get(), kept_.get() + ahead, kWriterReads, ahead)) {
+        return false;
+      }
+      Keep(ahead, kWriterReads);
+    } else if (ReadWhole(fd_.Get(), kept_.get() + at, kBlockSize, at)) {
+      Keep(at, kBlockSize);
+    } else {
       return false;
     }
-    kept_blocks_[block] = true;
-    kept_pages_.Filled(at);
   }
   return true;
+}
+
+// Notes that the blocks are in memory.
+void SDatabaseFile::Keep(std::uint64_t offset, std::uint64_t size) {
+  for (std::uint64_t at = offset; at < offset + size; at += kBlockSize) {
+    if (!kept_blocks_[at / kBlockSize]) {
+      kept_blocks_[at / kBlockSize] = true;
+      kept_pages_.Filled(at);
+    }
+  }
 }
 
 // Closes without storing anything.

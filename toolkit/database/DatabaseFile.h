@@ -122,11 +122,13 @@ class SDatabaseFile {
   bool TakeRecords(std::uint64_t must_reach);
   bool TakeRecord(std::string_view record, std::uint64_t size);
   bool TakeSection(std::uint32_t id, std::string_view record);
+  void EnterAddresses(std::uint32_t id, std::string_view body);
   void SetPlace(std::uint32_t id, const SRecordPlace& place);
   bool WasReplaced();
   bool ReadAt(std::uint64_t offset, std::uint64_t size,
               std::string_view* bytes);
   bool LoadBlocks(std::uint64_t offset, std::uint64_t size);
+  void Keep(std::uint64_t offset, std::uint64_t size);
   void Forget();
   [[nodiscard]] std::uint32_t HashOfPath(std::string_view path) const;
   [[nodiscard]] std::uint32_t HashOfAddress(std::string_view address) const;

@@ -70,11 +70,10 @@ bool SAccountMod::Set(const SString& field, const SStringList& values) {
   return SetTogether({{field, values}});
 }
 
-bool SAccountMod::SetTogether(
-    std::initializer_list<std::pair<SString, SStringList>> fields) {
+bool SAccountMod::SetTogether(std::initializer_list<SFieldValues> fields) {
   const bool is_named =
       std::none_of(fields.begin(), fields.end(),
-                   [](const auto& field) { return field.first.IsEmpty(); });
+                   [](const auto& field) { return field.name.IsEmpty(); });
   if (database_ == nullptr || !is_named) {
     errno = EINVAL;
     return false;

@@ -2,7 +2,6 @@
 
 #include <initializer_list>
 #include <memory>
-#include <utility>
 
 #include "toolkit/Addresses.h"
 #include "toolkit/SStringList.h"
@@ -33,6 +32,12 @@ class SAccount {
   std::shared_ptr<Fields> fields_;
 };
 
+/// A field and its values, for the length of a call.
+struct SFieldValues {
+  const SString& name;
+  const SStringList& values;
+};
+
 /// An account opened for changes by `SAccountDBMod::ModifyAccount`.
 class SAccountMod : public SAccount {
  public:
@@ -41,8 +46,7 @@ class SAccountMod : public SAccount {
   /// when it can't be stored.
   bool Set(const SString& field, const SStringList& values);
   /// The same for several fields, in one change: all of them or none.
-  bool SetTogether(
-      std::initializer_list<std::pair<SString, SStringList>> fields);
+  bool SetTogether(std::initializer_list<SFieldValues> fields);
   /// Completes the creation of a new account: all fields become visible in one
   /// atomic change.  Does nothing for an existing account.  False with `errno`
   /// set when it can't be stored; nothing of the account is then left.

@@ -65,6 +65,17 @@ class SSectionCursor {
     sound_ = TakeText(&rest_, name) && TakeNumber(&rest_, &values_left_);
     return sound_;
   }
+  /// Goes on to the key, of a cursor that stands before it; false when there is
+  /// no such key.
+  bool FindKey(std::string_view wanted) {
+    std::string_view name;
+    while (NextKey(&name)) {
+      if (name >= wanted) {
+        return name == wanted;
+      }
+    }
+    return false;
+  }
   /// The next value of the key; false after its last.
   bool NextValue(std::string_view* value) {
     if (!sound_ || values_left_ == 0) {
