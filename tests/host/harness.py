@@ -176,11 +176,14 @@ class Host:
         self.process.stdout.close()
 
     def _make_room_for_counters(self):
-        """Programs leave counters as whoever they are when they end."""
-        self.mkdir(COUNTERS, 0o1777)
+        """Programs leave counters as whoever they are when they end.
+
+        No sticky bits: there the kernel lets nobody open another's file.
+        """
+        self.mkdir(COUNTERS, 0o777)
         self.sh(f"find '{BUILD}' -name '*.gcno' -printf '%h\\n' | sort -u | "
                 f"sed 's|^|{COUNTERS}|' | xargs mkdir -p; "
-                f"chmod -R 1777 {COUNTERS}")
+                f"chmod -R 777 {COUNTERS}")
 
     def _bring_counters(self):
         try:
