@@ -162,7 +162,8 @@ SStringList SString::Split(const char* re, int limit) const {
     from = span.end;
     if (span.Length() == 0) {
       ++from;
-      if (span.begin == 0 || span.begin >= text.size()) {
+      // Nothing stands between this and the match or the begin before it.
+      if (span.begin == begin || span.begin >= text.size()) {
         continue;
       }
     }

@@ -209,6 +209,9 @@ TEST(SStringTest, SplitGivesThePiecesBetweenMatches) {
       {",,a,b,c", ",", 2, {"a", "b,c"}},
       {"a,", ",", 2, {"a", ""}},
       {"a,b", "(", 0, {"a,b"}},
+      {"abc", "", 0, {"a", "b", "c"}},
+      {"a,b", ",*", 0, {"a", "b"}},
+      {"abc", "", 2, {"a", "bc"}},
   };
   for (const Case& c : kCases) {
     EXPECT_EQ(Strings(SString(c.text).Split(c.re, c.limit)), c.want)
