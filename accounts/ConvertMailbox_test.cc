@@ -252,6 +252,11 @@ TEST_F(ConvertMailboxTest, WhatCameUpToTheRemovalCanBePutBack) {
   fs::create_symlink("/dev/null", Spool());
   EXPECT_FALSE(spool.PutBack());
   EXPECT_EQ(ELOOP, errno);
+  fs::remove(Spool());
+  WriteSpool("From c\n\n");
+  fs::create_hard_link(Spool(), Spool() + ".other");
+  EXPECT_FALSE(spool.PutBack());
+  EXPECT_EQ(EPERM, errno);
 }
 
 TEST_F(ConvertMailboxTest, OnlyALockOfARunThatIsOverIsTakenOver) {
@@ -280,6 +285,19 @@ TEST_F(ConvertMailboxTest, OnlyALockOfARunThatIsOverIsTakenOver) {
   EXPECT_TRUE(result_);
   EXPECT_FALSE(fs::exists(Spool()));
   EXPECT_FALSE(fs::exists(Spool() + ".lock"));
+}
+
+TEST_F(ConvertMailboxTest, ALockThatCannotBeMovedAsideStays) {
+  const SSpoolFile spool(Spool().c_str());
+  const std::string lock = Spool() + ".lock";
+  std::ofstream(lock) << INT_MAX
+                      << "\nVellumcraft installation on mail.example.com\n";
+  fs::create_directory(lock + "." + std::to_string(getpid()));
+  spool.RemoveLeftLock();
+  EXPECT_TRUE(spool.HasLeftLock());
+  fs::remove(lock + "." + std::to_string(getpid()));
+  spool.RemoveLeftLock();
+  EXPECT_FALSE(fs::exists(lock));
 }
 
 TEST_F(ConvertMailboxTest, AForeignUsersLockIsNeverTakenOver) {
@@ -336,6 +354,40 @@ TEST_F(ConvertMailboxTest, MailThatCameSinceAKilledRunKeepsTheSpool) {
   EXPECT_TRUE(fs::exists(Spool()));
   EXPECT_EQ((std::vector<std::string>{"in"}), Beside());
   EXPECT_TRUE(ResumeConversion(Spool().c_str(), "Ann")) << "told once";
+}
+
+TEST_F(ConvertMailboxTest, WhatCannotBeMovedKeepsTheSpool) {
+  WriteSpool("From a\nhi\n");
+  fs::create_directories(In() + "/taken");
+  fs::create_directories(In() + ".unfinished.ann");
+  std::ofstream(In() + ".unfinished.ann/taken") << "hi\r\n";
+  {
+    SSpoolFile spool(Spool().c_str());
+    ASSERT_EQ(0, spool.Open());
+    fs::create_symlink(spool.Version().Std(), In() + ".finished.ann");
+  }
+  const std::string told = "Error: Couldn't create " + In() + " (21)\n";
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(ResumeConversion(Spool().c_str(), "Ann"));
+  EXPECT_EQ(told, testing::internal::GetCapturedStdout());
+  EXPECT_TRUE(fs::exists(Spool()));
+  EXPECT_TRUE(fs::exists(In() + ".unfinished.ann/taken"));
+  // Without the spool what was moved aside is all that there is.
+  fs::remove(Spool());
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(ResumeConversion(Spool().c_str(), "Ann"));
+  EXPECT_EQ(told, testing::internal::GetCapturedStdout());
+  EXPECT_TRUE(fs::exists(In() + ".unfinished.ann/taken"));
+}
+
+TEST_F(ConvertMailboxTest, WhatIsNoDirectoryIsNoMailbox) {
+  WriteSpool("From a\nhi\n");
+  fs::create_directories(directory_ + "/mailboxes/Ann");
+  fs::create_symlink("nowhere", In());
+  EXPECT_EQ("Error: Couldn't create " + In() + " (17)\n", Convert());
+  EXPECT_FALSE(result_);
+  EXPECT_TRUE(fs::exists(Spool()));
+  EXPECT_EQ((std::vector<std::string>{"in"}), Beside());
 }
 
 TEST_F(ConvertMailboxTest, AnotherLoginsLeftOversAreNotTouched) {

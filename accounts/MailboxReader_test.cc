@@ -178,6 +178,67 @@ TEST(MailboxReaderTest, NothingIsHeldBackAfterAFlush) {
   EXPECT_EQ("one\r\ntwo\r\nthree\r\n", collector.messages.at(0));
 }
 
+// Takes a number of calls and refuses all others.
+class Refuser : public SMailboxReader::Sink {
+ public:
+  explicit Refuser(int left) : left_(left) {}
+  bool BeginMessage() override { return Call(); }
+  bool Write(std::string_view /*bytes*/) override { return Call(); }
+  int refused = 0;
+
+ private:
+  bool Call() {
+    if (left_ == 0) {
+      ++refused;
+      return false;
+    }
+    --left_;
+    return true;
+  }
+  int left_;
+};
+
+// True when all was taken; the reader is not asked again after a refusal.
+bool IsTaken(std::string_view mailbox, std::size_t piece,
+             SMailboxReader* reader) {
+  for (; !mailbox.empty();
+       mailbox.remove_prefix(std::min(piece, mailbox.size()))) {
+    if (!reader->Take(mailbox.substr(0, piece))) {
+      return false;
+    }
+  }
+  return reader->Finish();
+}
+
+TEST(MailboxReaderTest, ARefusalIsHandedOnAtOnce) {
+  const std::string full(65535, 'x');
+  const std::string mailboxes[] = {
+      "From a\nhi\nFrom b\nho\n",
+      "From a\n" + full + "\nFrom b\nho",
+      // The buffer is full where a line end, a kept return, a text follows.
+      "From a\n" + full + "\r\n\nho\n",
+      "From a\n" + full + "x\rho\n",
+      "From a\n" + full + "\r" + full + "\n",
+      "From a\nhi\n" + full + full + "\n" + full + "\nho\n",
+  };
+  for (const std::string& mailbox : mailboxes) {
+    for (const std::size_t piece : {1, 7, 65536, 1 << 20}) {
+      for (int calls = 0;; ++calls) {
+        Refuser refuser(calls);
+        SMailboxReader reader(&refuser);
+        const bool is_taken = IsTaken(mailbox, piece, &reader);
+        ASSERT_EQ(is_taken ? 0 : 1, refuser.refused)
+            << calls << " calls, pieces of " << piece;
+        EXPECT_FALSE(reader.IsUnrecognized());
+        if (is_taken) {
+          EXPECT_GE(calls, 2);
+          break;
+        }
+      }
+    }
+  }
+}
+
 TEST(MailboxReaderTest, ALongLineIsNeverHeldAsAWhole) {
   const std::string line(50'000'000, 'x');
   Collector collector;

@@ -120,6 +120,18 @@ TEST(ReadCommand, IgnoresTheExitStatus) {
   EXPECT_TRUE(ReadCommand("/nonexistent/program 2>/dev/null").IsEmpty());
 }
 
+TEST(ReadCommand, NeedsNoEndOfTheCommandThatItCanWaitFor) {
+  // Then nothing is left of a child that ended.
+  struct sigaction former = {};
+  struct sigaction ignore = {};
+  ignore.sa_handler = SIG_IGN;
+  ASSERT_EQ(0, sigaction(SIGCHLD, &ignore, &former));
+  const SStringList lines = ReadCommand("echo found");
+  EXPECT_FALSE(ReadProcessInfo().IsEmpty());
+  ASSERT_EQ(0, sigaction(SIGCHLD, &former, nullptr));
+  EXPECT_EQ("found\n", lines.Join("|"));
+}
+
 TEST(ReadCommand, StartsWithDefaultSignals) {
   signal(SIGHUP, SIG_IGN);
   signal(SIGPIPE, SIG_IGN);

@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -124,6 +126,31 @@ TEST_F(FilesTest, ReadDirSortsByBytes) {
   EXPECT_TRUE(ReadDir(Path("missing")).IsEmpty());
 }
 
+// Ends the process with status 0 when a directory that can be opened but not
+// read has no names and tells why.
+[[noreturn]] void ReadWhatOnlyOpens(const SString& directory) {
+  // Who has fewer capabilities than a process may not see its memory; root may
+  // open its directory of it all the same.
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+  sets[0].permitted = sets[0].effective = 1U << CAP_DAC_READ_SEARCH;
+  if (syscall(SYS_capset, &header, sets) != 0 ||
+      !SDescriptor(open(directory, O_RDONLY | O_DIRECTORY)).IsOpen()) {
+    _exit(1);
+  }
+  _exit(ReadDir(directory).IsEmpty() && errno == EACCES ? 0 : 2);
+}
+
+TEST_F(FilesTest, AFailureToReadADirectoryIsTold) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "takes the capabilities of root";
+  }
+  const SString directory =
+      "/proc/" + SString(static_cast<int>(getpid())) + "/map_files";
+  ASSERT_FALSE(ReadDir(directory).IsEmpty());
+  EXPECT_EXIT(ReadWhatOnlyOpens(directory), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(FilesTest, ReadingReproducesTheContent) {
   const std::string big(1000000, 'x');
   const std::string contents[] = {"", "a", "a\n", std::string("a\0b\n", 4),
@@ -183,6 +210,7 @@ TEST_F(FilesTest, OwnerAndGroupAreThoseOfALinkItself) {
   EXPECT_EQ(FileOwner(file), "");
   EXPECT_EQ(FileGroup(file), "");
   EXPECT_EQ(FileOwner(Path("missing")), "");
+  EXPECT_EQ(FileGroup(Path("missing")), "");
 }
 
 TEST_F(FilesTest, WriteAllReportsAFullDevice) {

@@ -75,6 +75,19 @@ TEST(RandomTest, EveryResultIsDrawnEquallyOften) {
   EXPECT_EQ(RandomInt(1), 0);
 }
 
+TEST(RandomTest, ARangeThatDoesNotFitIntoTheGeneratorsIsDrawnEvenlyToo) {
+  // The generator's range is a third larger; were it folded, half of all
+  // results and not a third would be small.
+  constexpr int kRange = 3 << 29;
+  constexpr int kDraws = 9000;
+  SeedRandom(1);
+  int small = 0;
+  for (int i = 0; i < kDraws; ++i) {
+    small += RandomInt(kRange) < kRange / 3 ? 1 : 0;
+  }
+  EXPECT_NEAR(small, kDraws / 3, 270);  // six standard deviations
+}
+
 TEST(RandomTest, TheSeedDecides) {
   SeedRandom(7);
   const int first = RandomInt(1000000);
