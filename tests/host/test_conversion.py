@@ -4,6 +4,7 @@ import re
 
 import pytest
 
+from faults import environment
 from harness import BUILD
 from imports import (ANNS_MAIL, MAILBOXES, POP, SPOOLED, TASK, accounts,
                      messages)
@@ -315,3 +316,99 @@ def test_a_full_mailbox_disk_leaves_the_mail_where_it_is(host):
     assert host.listdir(MAILBOXES) == []
     assert host.stat("/var/mail/ann").st_size == 900_017
     assert not host.exists("/var/mail/ann.lock")
+
+
+def test_a_full_spool_disk_has_room_for_a_lock(host):
+    host.user("ann", 1001)
+    host.sh("mount -t tmpfs -o size=64k,mode=2775,gid=8 none /var/mail")
+    host.write("/var/mail/ann", ANNS_MAIL, 0o660, 1001, 8)
+    host.sh("! dd if=/dev/zero of=/var/mail/fill bs=4k 2>/dev/null")
+    run = host.run_task(TASK, POP)
+    assert "(ann)....created\n" in run.text and "Error" not in run.text
+    assert len(messages(host, "ann")) == 2
+    assert host.listdir("/var/mail") == ["fill"]
+
+
+def test_a_removal_that_fails_is_made_up_for_later(host):
+    host.user("ann", 1001, mail=ANNS_MAIL)
+    unlink = {"calls": "unlink", "paths": "/var/mail/ann"}
+    run = host.run_task(TASK, POP, env=environment("kill", 1, **unlink))
+    assert run.status == -9
+    # The first one now is that of the lock which was left behind.
+    run = host.run_task(TASK, POP, env=environment("fail", 2, errno="EPERM",
+                                                   **unlink))
+    assert ("(ann)....already exists\nError: Unable to convert user's mailbox "
+            "to Vellumcraft's POP format!\n") in run.text
+    assert host.read("/var/mail/ann") == ANNS_MAIL
+    run = host.run_task(TASK, POP)
+    assert "(ann)....already exists\n" in run.text and "Error" not in run.text
+    assert host.listdir("/var/mail") == []
+    assert host.listdir(MAILBOXES + "/ann") == ["in"]
+    assert len(messages(host, "ann")) == 2
+
+
+# Without locks delivers to the spool that it has open, right after its removal;
+# then does what it is told.
+LATE = r"""
+import os, sys, time
+file = os.open("/var/mail/ann", os.O_WRONLY | os.O_APPEND)
+open("/dev/shm/ready", "w").close()
+while os.path.exists("/var/mail/ann"):
+    time.sleep(0.01)
+os.write(file, b"From c\nlate\n")
+exec(sys.argv[1])
+"""
+
+
+def import_with_late_mail(host, then="", env=None):
+    """An import that halts for a second when it has removed the spool."""
+    # The tracer is not the parent, so that the harness sees the program wait.
+    host.user("ann", 1001, mail=ANNS_MAIL)
+    host.write("/tmp/late.py", LATE)
+    host.sh(f"/usr/bin/python3 -I -S /tmp/late.py '{then}' >/dev/null 2>&1 & "
+            "while [ ! -e /dev/shm/ready ]; do sleep 0.01; done")
+    return host.run("/usr/bin/strace", POP, cwd="/", env=env, args=[
+        "-D", "-qq", "-o", "/dev/null", "-P", "/var/mail/ann",
+        "-e", "trace=unlink", "-e", "inject=unlink:delay_exit=1000000",
+        f"{BUILD}/run_task", TASK])
+
+
+def test_mail_that_comes_with_the_removal_is_converted(host):
+    run = import_with_late_mail(host)
+    assert "(ann)....created\n" in run.text and "Error" not in run.text
+    assert messages(host, "ann")[2:] == [b"late\r\n"]
+    assert host.listdir("/var/mail") == []
+
+
+NOT_KEPT = ("(ann)....created\n"
+            f"Error: Couldn't create {MAILBOXES}/ann/in (28)\n"
+            "Error: Unable to convert user's mailbox to Vellumcraft's POP "
+            "format!\n")
+
+
+def full(more="", times=1):
+    """A disk that is full for what comes late, and for the calls after that."""
+    return environment("fail", 1, calls="openat" + more, errno="ENOSPC",
+                       paths=f"{MAILBOXES}/ann/in/:/var/mail/ann", times=times)
+
+
+def test_mail_that_comes_with_the_removal_is_put_back(host):
+    run = import_with_late_mail(host, env=full())
+    assert NOT_KEPT in run.text
+    assert host.read("/var/mail/ann") == b"From c\nlate\n"
+    spool = host.stat("/var/mail/ann")
+    assert (spool.st_uid, spool.st_gid, spool.st_mode & 0o7777) == (
+        1001, 8, 0o660)
+    assert len(messages(host, "ann")) == 2
+    assert host.listdir("/var/mail") == ["ann"]
+
+
+@pytest.mark.parametrize("call, then, cause", [
+    ("", 'os.symlink("/tmp/trap", "/var/mail/ann")', 40),
+    (",read", "", 28), (",fchown", "", 28)])
+def test_mail_that_can_not_be_put_back_is_told(host, call, then, cause):
+    run = import_with_late_mail(host, then, full(call, 2 if call else 1))
+    told = f"Error: Couldn't open /var/mail/ann ({cause})\n"
+    assert NOT_KEPT.replace("Error: Unable", told + "Error: Unable") in run.text
+    assert len(messages(host, "ann")) == 2
+    assert not host.exists("/tmp/trap")

@@ -4,6 +4,7 @@ import re
 
 import pytest
 
+from faults import environment
 from harness import BUILD, check_screen
 from imports import (ANNS_MAIL, MAILBOXES, POP, SPOOLED, TASK, accounts,
                      messages, queued)
@@ -301,6 +302,39 @@ def test_the_spool_gets_its_owner_and_mode(host):
         assert (f"\nALERT: Possible security problem with /var/mail/{login}\n"
                 "created\n") in run.text
     assert "/var/mail/bob" not in run.changes
+
+
+def test_a_spool_that_can_not_be_given_away_is_not_opened(host):
+    host.user("ann", 1001, mail=ANNS_MAIL)
+    host.sh("chown 0:0 /var/mail/ann; chmod 600 /var/mail/ann")
+    run = host.run_task(TASK, env=environment(
+        "fail", 1, calls="fchown", paths="/var/mail/", errno="EPERM"))
+    assert "(ann)....created\n" in run.text
+    assert "/var/mail/ann" not in run.changes
+
+
+def test_without_shadow_passwords_everybody_gets_a_new_one(host):
+    host.user("ann", 1001)
+    host.remove("/etc/shadow")
+    run = host.run_task(TASK)
+    assert "(ann)....created\n" in run.text
+    assert re.fullmatch("[a-z0-9]{6}UNIX-PASSWORD {38}",
+                        accounts(host)["ann"]["Raw-Password"][0])
+
+
+def test_users_of_a_directory_that_lists_nobody_are_found(host):
+    host.sh(f"cp '{BUILD}/libnss_unlisted.so.2' "
+            "/usr/lib/\"$(uname -m)\"-linux-gnu/")
+    host.write("/etc/nsswitch.conf", "passwd: files unlisted\n"
+               "group: files\nshadow: files\nhosts: files\n")
+    assert "unlisted" not in host.sh("getent passwd")
+    host.write("/tmp/pw", "unlisted:x:4321:100:Una:/home:\n"
+                          "nobody2:x:4322:100:Noah:/home:\n")
+    host.write("/var/mail/unlisted", ANNS_MAIL, 0o600)
+    run = host.run_task(TASK, ["f", "/tmp/pw"])
+    assert "(Una)....created\n" in run.text
+    assert list(accounts(host)) == ["Una"]
+    assert host.stat("/var/mail/unlisted").st_uid == 4321
 
 
 def test_the_second_program_imports_only(host):

@@ -42,6 +42,14 @@ def test_created(host, parent):
         "directory", 0o770, "vmail", "vmail")
 
 
+def test_created_on_file_systems_that_only_rename(host):
+    run = host.run_task("CreateMailboxDir", env=environment(
+        "fail", 1, calls="renameat2", errno="EINVAL"))
+    check_screen(run, "CreateMailboxDir/created")
+    assert run.changed() == {DIRECTORY: "created"}
+    assert run.changes[DIRECTORY].owner == "vmail"
+
+
 def test_a_trailing_slash_is_no_matter(host):
     host.config(MailboxDir=DIRECTORY + "//")
     run = host.run_task("CreateMailboxDir")

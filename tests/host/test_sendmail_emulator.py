@@ -192,14 +192,26 @@ def test_the_old_program_can_not_be_moved(host):
     assert host.read(SENDMAIL) == old
 
 
-@pytest.mark.parametrize("failing", [1, 2])
-def test_file_systems_without_exchange_have_the_plain_way(host, failing):
+@pytest.mark.parametrize("calls, failing", [
+    ("renameat2", 1), ("renameat2", 2), ("renameat2,link", 3)])
+def test_file_systems_without_exchange_have_the_plain_way(
+        host, calls, failing):
     old = old_sendmail(host)
-    env = environment("fail", 1, calls="renameat2", errno="EINVAL",
-                      times=failing)
+    env = environment("fail", 1, calls=calls, errno="EINVAL", times=failing)
     run = host.run_task("InstallSendmail", env=env)
     check_screen(run, "InstallSendmail/done")
     check_replaced(host, run, old)
+
+
+def test_the_old_program_never_stays_under_two_names(host):
+    old = old_sendmail(host)
+    # No exchange, no exclusive renaming, and the old name can't be removed.
+    env = environment("fail", 1, calls="symlink,renameat2,unlink",
+                      errno="EINVAL", times=3)
+    run = host.run_task("InstallSendmail", env=env)
+    check_screen(run, "InstallSendmail/not_replaced")
+    assert (run.status, run.reminders, run.changes) == (0, REMINDER, {})
+    assert host.read(SENDMAIL) == old
 
 
 def backup_names(host):
