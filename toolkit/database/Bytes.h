@@ -36,17 +36,8 @@ inline void Put64(char* at, std::uint64_t number) {
   std::memcpy(at, &number, sizeof number);
 }
 
-/// Appends the number in groups of seven bits, the lowest first, the high bit
-/// set in all bytes but the last (LEB128).
-inline void AppendNumber(std::uint64_t number, std::string* out) {
-  while (number >= 0x80) {
-    out->push_back(static_cast<char>(number | 0x80));
-    number >>= 7;
-  }
-  out->push_back(static_cast<char>(number));
-}
-
-/// The bytes that such a number takes.
+/// The bytes that a number takes in groups of seven bits, the lowest first, the
+/// high bit set in all bytes but the last (LEB128).
 inline std::size_t SizeOfNumber(std::uint64_t number) {
   std::size_t size = 1;
   for (; number >= 0x80; number >>= 7) {

@@ -86,10 +86,8 @@ SStringList Sdbfile::Get(const SString& key) const {
   if (!state_->is_open || !state_->file.Follow()) {
     return {};
   }
-  const std::uint32_t id = state_->file.Find(state_->section.View());
-  return id != SDatabaseFile::kNone && state_->file.Read(id, &section)
-             ? section.Get(key.View())
-             : SStringList();
+  const std::uint32_t id = state_->file.Find(state_->section.View(), &section);
+  return id != SDatabaseFile::kNone ? section.Get(key.View()) : SStringList();
 }
 
 bool Sdbfile::Set(const SString& key, const SStringList& values) {
@@ -97,14 +95,10 @@ bool Sdbfile::Set(const SString& key, const SStringList& values) {
     errno = state_->may_set ? EINVAL : EBADF;
     return false;
   }
+  // Sections stay once they are made: one that isn't found is damaged.
   SSection section;
-  std::uint32_t id = state_->file.Find(state_->section.View());
+  std::uint32_t id = state_->file.Find(state_->section.View(), &section);
   if (id == SDatabaseFile::kNone) {
-    if (errno != 0) {
-      return false;
-    }
-    section = SSection(state_->section);
-  } else if (!state_->file.Read(id, &section)) {
     return false;
   }
   section.Set(key, values);

@@ -12,11 +12,6 @@ namespace {
 // Room for the keys of most accounts.
 constexpr std::size_t kUsualSize = 400;
 
-void AppendText(std::string_view text, std::string* out) {
-  AppendNumber(text.size(), out);
-  out->append(text);
-}
-
 std::size_t SizeOfText(std::string_view text) {
   return SizeOfNumber(text.size()) + text.size();
 }
@@ -117,8 +112,9 @@ bool SSection::Decode(std::string_view body) {
 }
 
 void SSection::AppendBody(std::string* out) const {
-  AppendText(path_.View(), out);
-  AppendNumber(key_count_, out);
+  const std::size_t begin = out->size();
+  out->resize(begin + SizeOfText(path_.View()) + SizeOfNumber(key_count_));
+  PutNumber(PutText(out->data() + begin, path_.View()), key_count_);
   out->append(keys_);
 }
 

@@ -95,9 +95,6 @@ class TextReader {
     if (section_.Path().IsEmpty()) {
       return "key outside of a section";
     }
-    if (key.empty()) {
-      return "empty key";
-    }
     const auto [place, is_new] = keys_.try_emplace(key);
     if (!is_new) {
       return "key given twice";
