@@ -143,6 +143,25 @@ TEST_F(CheckDatabaseTest, AnIndexWithOutdatedSlotsIsSound) {
   EXPECT_EQ("", Problem());
 }
 
+TEST_F(CheckDatabaseTest, AReaderFollowsAWriterThatSavesAnIndex) {
+  MakeWithIndex();
+  SDatabaseFile reader;
+  ASSERT_TRUE(reader.Open(path_, SDatabaseFile::Access::kRead));
+  SDatabaseFile writer;
+  ASSERT_TRUE(writer.Open(path_, SDatabaseFile::Access::kWrite));
+  SSection section("/Big");
+  section.Set("Key", SString('x', 100000));
+  std::uint32_t id = SDatabaseFile::kNone;
+  ASSERT_TRUE(writer.Store(section, &id) && writer.Close());
+  ASSERT_TRUE(writer.Open(path_, SDatabaseFile::Access::kWrite));
+  id = SDatabaseFile::kNone;
+  ASSERT_TRUE(writer.Store(SSection("/Behind"), &id) && writer.Close());
+  ASSERT_TRUE(reader.Follow());
+  EXPECT_EQ(kAccounts, reader.Find("/Big"));
+  EXPECT_EQ(kAccounts + 1, reader.Find("/Behind")) << "the index's record";
+  EXPECT_EQ("", Problem());
+}
+
 TEST_F(CheckDatabaseTest, AWrongWordUnderARightChecksumOfTheIndexIsFound) {
   const struct {
     Words words;
@@ -164,6 +183,13 @@ TEST_F(CheckDatabaseTest, AWrongWordUnderARightChecksumOfTheIndexIsFound) {
          *slot = *slot == 0 && left-- > 0 ? i << 47 | 1 : *slot;
        },
        "slot"},
+      {Words::kSlots,
+       [free = 0](std::uint64_t i, std::uint64_t* slot) mutable {
+         // Its place is the first of all.
+         free = *slot == 0 ? free + 1 : 0;
+         *slot = i > 1 && free == 2 ? 1 : *slot;
+       },
+       "unreachable slot of section 0 in an index"},
       {Words::kSlots,
        [](std::uint64_t, std::uint64_t* slot) {
          *slot = *slot == 0 ? 1 : *slot;
