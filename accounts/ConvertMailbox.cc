@@ -73,10 +73,11 @@ bool CopyToEnd(SSpoolFile* spool, SMailboxReader* reader, char* buffer) {
   return n == 0;
 }
 
-// Copies until the spool grows no more while the copy goes to disk.  A last line
-// without line end is ended only when nobody seems to be writing it.
+// Copies until the spool grows no more while the copy goes to disk, and tells
+// the version that was copied.  A last line without line end is ended only when
+// nobody seems to be writing it.
 bool CopyMessages(SSpoolFile* spool, SPopMailbox* mailbox,
-                  SMailboxReader* reader, char* buffer) {
+                  SMailboxReader* reader, char* buffer, SString* version) {
   do {
     do {
       if (!CopyToEnd(spool, reader, buffer) || !reader->Flush() ||
@@ -87,6 +88,7 @@ bool CopyMessages(SSpoolFile* spool, SPopMailbox* mailbox,
     if (!reader->Finish() || !mailbox->Sync()) {
       return false;
     }
+    *version = spool->Version();
   } while (!spool->IsAtEnd());
   return true;
 }
@@ -135,6 +137,15 @@ SString LoginOf(const SString& spool) {
   return SString(spool.View().substr(spool.View().rfind('/') + 1));
 }
 
+bool FailToCopy(const SSpoolFile& spool, const SPopMailbox& mailbox,
+                const SString& directory) {
+  if (spool.HasReadError()) {
+    return FailToOpen(spool.Path(), errno);
+  }
+  return FailToCreate(
+      mailbox.FailedMessage().IsEmpty() ? directory : mailbox.FailedMessage());
+}
+
 bool MoveMessages(SSpoolFile* spool, const SString& directory,
                   SPopMailbox* mailbox, char* buffer) {
   const SFailAtSizeLimit no_signal;  // once for all messages
@@ -144,15 +155,10 @@ bool MoveMessages(SSpoolFile* spool, const SString& directory,
     return false;
   }
   SMailboxReader reader(mailbox);
-  if (!CopyMessages(spool, mailbox, &reader, buffer) ||
-      !mailbox->Publish(spool->Version())) {
-    if (spool->HasReadError()) {
-      FailToOpen(spool->Path(), errno);
-    } else {
-      FailToCreate(mailbox->FailedMessage().IsEmpty()
-                       ? directory
-                       : mailbox->FailedMessage());
-    }
+  SString version;
+  if (!CopyMessages(spool, mailbox, &reader, buffer, &version) ||
+      !mailbox->Publish(version)) {
+    FailToCopy(*spool, *mailbox, directory);
     mailbox->Undo();
     return false;
   }
@@ -165,7 +171,7 @@ bool MoveMessages(SSpoolFile* spool, const SString& directory,
   while (!spool->IsAtEnd()) {
     if (!CopyToEnd(spool, &reader, buffer) || !reader.Finish() ||
         !mailbox->Sync()) {
-      FailToCreate(directory);
+      FailToCopy(*spool, *mailbox, directory);
       // Rather twice, in part, than lost.
       return spool->PutBack() ? false : FailToOpen(spool->Path(), errno);
     }
@@ -177,8 +183,7 @@ bool MoveMessages(SSpoolFile* spool, const SString& directory,
 // spool file there and did not live to remove it, only that is left to do.
 bool FinishRemoval(SSpoolFile* spool, SPopMailbox* mailbox,
                    const SString& directory) {
-  const SString version = spool->Version();
-  if (version.IsEmpty() || version != mailbox->LeftVersion()) {
+  if (!spool->HasVersion(mailbox->LeftVersion())) {
     Print("Error: POP mailbox already exists\n");
     mailbox->Forget();
     return false;
@@ -190,7 +195,9 @@ bool FinishRemoval(SSpoolFile* spool, SPopMailbox* mailbox,
     return false;
   }
   mailbox->Forget();
-  return true;
+  // Somebody without locks may have written up to the removal.
+  return spool->IsAtEnd() || spool->PutBack() ||
+         FailToOpen(spool->Path(), errno);
 }
 
 }  // namespace

@@ -37,6 +37,10 @@ void SPasswordEntries::Read() {
 }
 
 bool SPasswordEntries::Find(const SString& login, Ids* ids) {
+  if (login.IsEmpty()) {
+    // The system may find an entry that has none; nobody has that login.
+    return false;
+  }
   // A user may be removed while accounts are made.
   const std::string version = FileVersion(kPasswordFile);
   if (version != version_) {

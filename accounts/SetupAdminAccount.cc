@@ -99,16 +99,20 @@ bool StoreMissing(SAccountMod* postmaster, const SString& password,
 }
 
 // "Completed" is said of what is on disk, so a failed sync is a failed change.
+// The way back goes through the same open file: opened anew it would know
+// nothing of data that the system could not write and has dropped.
 Stored Store(SAccountDBMod* database, SAccountMod* postmaster,
              const SString& password, const SStringList& access_domains,
              const PostmasterDeliveries& wanted,
              const PostmasterDeliveries& former) {
   const SHoldSignals until_stored;
   if (StoreMissing(postmaster, password, access_domains) &&
-      SetDeliveries(postmaster, wanted) && database->CloseDB()) {
+      SetDeliveries(postmaster, wanted) && database->SyncDB() &&
+      database->CloseDB()) {
     return Stored::kNew;
   }
-  return SetDeliveries(postmaster, former) && database->CloseDB()
+  return SetDeliveries(postmaster, former) && database->SyncDB() &&
+                 database->CloseDB()
              ? Stored::kOld
              : Stored::kNeither;
 }

@@ -28,6 +28,13 @@ SString LockText(const SString& process_id) {
   return process_id + "\nVellumcraft installation on " + gstr_HostName + "\n";
 }
 
+SString VersionOf(const struct stat& status) {
+  return SString(std::to_string(status.st_ino) + "." +
+                 std::to_string(status.st_size) + "." +
+                 std::to_string(status.st_mtim.tv_sec) + "." +
+                 std::to_string(status.st_mtim.tv_nsec));
+}
+
 bool IsRunning(const SString& process_id) {
   const long number = std::strtol(process_id, nullptr, 10);
   return number <= 0 || kill(static_cast<pid_t>(number), 0) == 0 ||
@@ -164,13 +171,16 @@ bool SSpoolFile::IsAtEnd() const {
 
 SString SSpoolFile::Version() const {
   struct stat status = {};
-  if (fstat(file_.Get(), &status) != 0) {
-    return {};
+  return fstat(file_.Get(), &status) == 0 ? VersionOf(status) : SString();
+}
+
+bool SSpoolFile::HasVersion(const SString& version) {
+  struct stat status = {};
+  if (fstat(file_.Get(), &status) != 0 || VersionOf(status) != version) {
+    return false;
   }
-  return SString(std::to_string(status.st_ino) + "." +
-                 std::to_string(status.st_size) + "." +
-                 std::to_string(status.st_mtim.tv_sec) + "." +
-                 std::to_string(status.st_mtim.tv_nsec));
+  offset_ = status.st_size;
+  return true;
 }
 
 bool SSpoolFile::Remove() {
@@ -194,6 +204,10 @@ bool SSpoolFile::PutBack() const {
   if (spool.IsOpen()) {
     if (fchown(spool.Get(), former.st_uid, former.st_gid) != 0 ||
         fchmod(spool.Get(), former.st_mode & 07777) != 0) {
+      // A spool that is not the user's would hold up what comes.
+      const int cause = errno;
+      RemoveFile(path_);
+      errno = cause;
       return false;
     }
   } else if (errno == EEXIST) {

@@ -40,11 +40,15 @@ class SSpoolFile {
   /// What tells the file in this state from every other: its inode, size and
   /// time of change; "" when that can't be told.
   [[nodiscard]] SString Version() const;
+  /// True when the file is in the state that this version tells; all of it counts
+  /// as read then.  False for "".
+  [[nodiscard]] bool HasVersion(const SString& version);
   /// Removes the file; false when the path is another file by now.
   [[nodiscard]] bool Remove();
   /// Puts what was written behind the bytes read up to `Remove` into the spool
   /// again, behind what has come there since; false with `errno` set when some of
-  /// it may be missing there.
+  /// it may be missing there.  What was the rest of a message stands there
+  /// without a "From " line.
   [[nodiscard]] bool PutBack() const;
 
  private:

@@ -9,6 +9,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -63,6 +64,8 @@ SString CouldNotOpen(const SString& file) {
 // A password of the traditional form, the only one the server can take over.
 constexpr int kTraditionalPassword = 13;
 
+const dev_t kNullDevice = makedev(1, 3);
+
 void OfferAccountForm(const char* explanation) {
   PrintMessage(explanation);
   if (AskLetter(pz_SendForm, "no") == 'y') {
@@ -89,13 +92,13 @@ char AskMethod(const SUserImport& import) {
 }
 
 // A stream over a password file, opened as root; null when it can't be.  What is
-// no regular file might never begin, or never end.
+// neither a file nor nothing might never begin, or never end.
 FILE* OpenPasswordFile(const SString& path) {
   const SActAs as_root(SActAs::Root{});
   SDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   struct stat status = {};
   if (!file.IsOpen() || fstat(file.Get(), &status) != 0 ||
-      !S_ISREG(status.st_mode)) {
+      (!S_ISREG(status.st_mode) && status.st_rdev != kNullDevice)) {
     return nullptr;
   }
   FILE* stream = fdopen(file.Get(), "r");
@@ -136,10 +139,6 @@ void Scan::Skip(const SString& name, const SString& login, const char* reason) {
 
 void Scan::Take(const passwd& entry) {
   const SString login(entry.pw_name);
-  if (login.IsEmpty()) {
-    // No login at all, and no mail address can be made of it.
-    return;
-  }
   const SString password = PasswordOf(entry);
   const SString name = FullName(entry.pw_gecos, login);
   SString home(entry.pw_dir);

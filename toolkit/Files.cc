@@ -127,10 +127,10 @@ bool RenameToFreeName(const SString& from, const SString& to) {
     errno = cause;
     return false;
   }
-  if (errno == EEXIST) {
+  // No further names for directories, nor for anything on some file systems.
+  if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS) {
     return false;
   }
-  // No further names for directories, nor for anything on some file systems.
   if (PathTaken(to)) {
     errno = EEXIST;
     return false;

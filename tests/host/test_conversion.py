@@ -115,7 +115,7 @@ ODD_SPOOLS = {
     # login: (how it is made, why it is refused, is it suspicious)
     "link": ("ln -s /tmp/secret /var/mail/link", 40, True),
     "spoollink": ("ln -s text /var/mail/spoollink", 40, True),
-    "hard": ("echo From a > /var/mail/hard; ln /var/mail/hard /tmp/hard", 1,
+    "hard": ("echo From a > /var/mail/hard; ln /var/mail/hard /var/mail/.hard", 1,
              True),
     "dir": ("mkdir /var/mail/dir", 21, True),
     "fifo": ("mkfifo /var/mail/fifo", 22, True),
@@ -159,7 +159,7 @@ def test_odd_spools_are_told_of_and_not_touched(host):
     assert host.listdir(MAILBOXES) == ["ann"]
     assert host.read("/tmp/secret") == b"From root\nsecret\n"
     assert host.mode("/tmp/secret") == 0o600
-    assert host.read("/tmp/hard") == b"From a\n"
+    assert host.read("/var/mail/.hard") == b"From a\n"
 
 
 # Locks the spool as some agents do, by fcntl alone, until it is told to stop.

@@ -214,12 +214,18 @@ def test_a_user_who_goes_meanwhile_gets_no_account(host):
 
 @pytest.mark.parametrize("path, make", [
     ("/tmp/fifo", "mkfifo /tmp/fifo"), ("/dev/zero", "true"),
-    ("/tmp/link", "ln -s /dev/zero /tmp/link"), ("/dev/null", "true")])
-def test_only_a_regular_file_is_read_for_users(host, path, make):
+    ("/tmp", "true"),
+    ("/tmp/link", "ln -s /dev/zero /tmp/link")])
+def test_what_might_never_end_is_not_read_for_users(host, path, make):
     host.sh(make)
     run = start(host, FULL, ["f", path, "no"])
     assert f"WARNING: couldn't open {path} to determine the user" in run.text
     assert run.status == 0
+
+
+def test_no_users_come_from_the_null_device(host):
+    run = start(host, FULL, ["f", "/dev/null"])
+    assert "No accounts to create." in run.text and run.status == 0
 
 
 def test_an_entry_without_a_login_is_nobodys(host):
@@ -228,8 +234,8 @@ def test_an_entry_without_a_login_is_nobodys(host):
     host.write("/etc/passwd", host.read("/etc/passwd") + nobody.encode())
     host.write("/tmp/pw", nobody + ANN)
     run = start(host, FULL, ["f", "/tmp/pw", "x.org"])
-    assert "\n1 UNIX accounts found." in run.text
-    assert run.text.count(")....created\n") == 1
+    assert "\n2 UNIX accounts found." in run.text
+    assert run.text.count(")....") == run.text.count(")....created\n") == 1
     assert list(accounts(host)) == ["Ann"]
 
 

@@ -255,7 +255,8 @@ def place():
          "|| exit; done; echo ready; cat", REHEARSE],
         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
     assert holder.stdout.readline() == "ready\n"
-    enter = ["nsenter", "-t", str(holder.pid), "-m"]
+    # The root is named, for this host may be a change of root itself.
+    enter = ["nsenter", "-t", str(holder.pid), "-m", "--root"]
 
     def look():
         inside = pathlib.Path(f"/proc/{holder.pid}")

@@ -401,6 +401,14 @@ def test_what_was_refused_is_told(tried):
             "fcntl of other processes", "ioctl", "add_key"} <= told
 
 
+def test_a_limit_that_forbids_cores_is_no_obstacle(busy_host):
+    # As sudo sets it.
+    status, output, errors = busy_host.ask(
+        "sh", command=f"ulimit -c 0; '{REHEARSE}' --this-host -- echo here",
+        stdin=b"")
+    assert status == 0 and output.startswith(b"here\n"), errors
+
+
 @pytest.mark.parametrize("how", [
     "./vellumcraft --stay 192.0.2.1", "/opt/vellumcraft/vellumcraft x y",
     "sh -c 'PATH=/opt/vellumcraft; vellumcraft'", "./link"])

@@ -32,7 +32,6 @@ INETD = "/etc/inetd.conf"
 SENDMAIL = "/usr/lib/sendmail"
 LINK = b"../../opt/vellumcraft/bin/sendmail"
 COPY = "/dev/shm/as-it-was"
-ROOTS = (HOME, "/var/mail", "/home", INETD, SENDMAIL)
 DATABASES = ("Accounts", "Account-Manager", "Dispatch", "WWW-Server")
 
 ANSWERS = {"Which method": "p", "UNIX delivery or POP": "p"}
@@ -69,6 +68,9 @@ INETD_NEW = INETD_OLD.replace(b"smtp", b"#smtp").replace(b"  pop3", b"#pop3")
 USERS = {"ann": (1001, "Ann Smith", "*", (1, 2)),
          "bob": (1002, "Bob Miller", "ab5PtGoD8yzuY", (3,)),
          "carol": (1003, "Carol & Sons", "*", ())}
+# Only the homes of these: others may be large.
+ROOTS = (HOME, "/var/mail", *(f"/home/{user}" for user in USERS), INETD,
+         SENDMAIL)
 
 
 PLEASE_WAIT = "\nPlease wait until I'm finished with this.\n\n"

@@ -458,11 +458,8 @@ bool SDatabaseFile::LoadBlocks(std::uint64_t offset, std::uint64_t size) {
     const std::uint64_t at = block * kBlockSize;
     // Who changes some sections mostly changes their neighbours, too.
     const std::uint64_t ahead = at / kWriterReads * kWriterReads;
-    if (writes_ && ahead + kWriterReads <= end_ &&
-        ahead + kWriterReads <= kept_blocks_.size() * kBlockSize) {
-      if (!ReadWhole(fd_.Get(), kept_.get() + ahead, kWriterReads, ahead)) {
-        return false;
-      }
+    if (MayReadAhead(ahead) &&
+        ReadWhole(fd_.Get(), kept_.get() + ahead, kWriterReads, ahead)) {
       Keep(ahead, kWriterReads);
     } else if (ReadWhole(fd_.Get(), kept_.get() + at, kBlockSize, at)) {
       Keep(at, kBlockSize);
@@ -471,6 +468,16 @@ bool SDatabaseFile::LoadBlocks(std::uint64_t offset, std::uint64_t size) {
     }
   }
   return true;
+}
+
+// Nothing that is kept is ever read again: it may have been verified.
+bool SDatabaseFile::MayReadAhead(std::uint64_t offset) const {
+  const auto first =
+      kept_blocks_.begin() + static_cast<std::ptrdiff_t>(offset / kBlockSize);
+  return writes_ && offset + kWriterReads <= end_ &&
+         offset + kWriterReads <= kept_blocks_.size() * kBlockSize &&
+         std::find(first, first + kWriterReads / kBlockSize, true) ==
+             first + kWriterReads / kBlockSize;
 }
 
 // Notes that the blocks are in memory.

@@ -128,6 +128,7 @@ class SDatabaseFile {
   bool ReadAt(std::uint64_t offset, std::uint64_t size,
               std::string_view* bytes);
   bool LoadBlocks(std::uint64_t offset, std::uint64_t size);
+  [[nodiscard]] bool MayReadAhead(std::uint64_t offset) const;
   void Keep(std::uint64_t offset, std::uint64_t size);
   void Forget();
   [[nodiscard]] std::uint32_t HashOfPath(std::string_view path) const;

@@ -135,10 +135,11 @@ bool SDatabaseFile::AppendRecord() {
     return TakeRecord(record_, record_.size()) &&
            (pending_.size() < kMostReserve / 16 || FlushNew());
   }
-  // No signal need be held back: a record counts when all of it is there, and
-  // what else a process that ends here leaves is space that the next one clears.
-  if (!ReserveSpace(end_ + record_.size()) || !WriteAt(record_, end_)) {
-    return false;
+  {
+    const SHoldSignals hold;
+    if (!ReserveSpace(end_ + record_.size()) || !WriteAt(record_, end_)) {
+      return false;
+    }
   }
   TakeRecord(record_, record_.size());
   if (!compaction_failed_ && WorthCompacting(3, kMuchUseless)) {

@@ -301,6 +301,10 @@ bool SAccountDBMod::DeleteAccount(const SString& uid) {
   return id == SDatabaseFile::kNone ? errno == 0 : state_->file.Remove(id);
 }
 
+bool SAccountDBMod::SyncDB() {
+  return state_->file.Sync();
+}
+
 bool SAccountDBMod::CloseDB() {
   return state_->file.Close();
 }

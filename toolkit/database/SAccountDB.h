@@ -120,7 +120,10 @@ class SAccountDBMod : public SAccountDB {
   [[nodiscard]] bool ModifyAccount(const SString& uid, SAccountMod* account);
   /// Removes the account; true also when there is none.
   bool DeleteAccount(const SString& uid);
-  /// Everything stored is on disk for certain.  Called at the end of a task;
+  /// Everything stored is on disk for certain.  After a failure it fails for
+  /// good, until the database is opened anew.
+  [[nodiscard]] bool SyncDB();
+  /// Syncs, and lets other processes write.  Called at the end of a task;
   /// the destructor does the same.
   bool CloseDB();
 

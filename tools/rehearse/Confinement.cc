@@ -53,6 +53,21 @@ constexpr long kVersionWithRenames = 2;
 constexpr long kVersionWithPorts = 4;
 constexpr long kVersionWithScopes = 6;
 
+// One byte is the lowest limit that keeps the kernel from asking the host's
+// handler.  Where none is asked and none may be set, no core at all will do.
+bool LeaveNoCore() {
+  const rlimit one_byte = {1, 1};
+  if (setrlimit(RLIMIT_CORE, &one_byte) == 0) {
+    return true;
+  }
+  const int cause = errno;
+  rlimit now = {};
+  const bool none = getrlimit(RLIMIT_CORE, &now) == 0 && now.rlim_cur == 0 &&
+                    !ReadFile("/proc/sys/kernel/core_pattern").starts_with('|');
+  errno = cause;
+  return none;
+}
+
 }  // namespace
 
 bool DropRights(Rights rights) {
@@ -97,11 +112,9 @@ Problem CloseWaysOut() {
       return "descriptor " + std::to_string(fd) + " is a directory of the host";
     }
   }
-  // The lowest limit that keeps the kernel from asking the host's handler.
-  const rlimit one_byte = {1, 1};
   if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) !=
           0 ||
-      setrlimit(RLIMIT_CORE, &one_byte) != 0) {
+      !LeaveNoCore()) {
     return ProblemOf("can't close the ways out");
   }
   return "";
