@@ -232,6 +232,7 @@ Outcome Backtracker::Try(std::size_t start, std::size_t* next) {
         }
         ++at;
         continue;
+      case Op::kProgress:  // replaced by Unfold
       case Op::kBack:
         if (CantStart(at + at->target, position)) {
           ++at;
@@ -243,8 +244,6 @@ Outcome Backtracker::Try(std::size_t start, std::size_t* next) {
       case Op::kJump:
         at += at->target;
         continue;
-      case Op::kProgress:
-        break;
       case Op::kMatch:
         top_ = stack_;
         if (spans_ != nullptr) {

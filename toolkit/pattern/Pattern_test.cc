@@ -142,6 +142,14 @@ TEST(PatternTest, BracesThatOpenNoRepetitionAreLiterals) {
   });
 }
 
+TEST(PatternTest, BracketsThatNameNoClassAreBytesLikeOthers) {
+  EXPECT_TRUE(Matches("^[[a]+$", "[a["));
+  EXPECT_TRUE(Matches("^[[:]+$", "[:["));
+  EXPECT_TRUE(Matches("^[[:a\\d]+$", "[:a1"));
+  EXPECT_FALSE(Matches("^[[:a]+$", "b"));
+  EXPECT_FALSE(SPattern::Get("[[:a")->IsValid());
+}
+
 TEST(PatternTest, TheLeftmostMatchIsTakenAndThereTheGreediest) {
   ExpectAll({
       {"a|ab", "ab", "a"},
@@ -433,6 +441,13 @@ TEST(PatternTest, MoreSetsThanTheTableHoldsCostNoMoreThanTheProgramPerByte) {
   EXPECT_TRUE(pattern::SearchInTwoPasses(code, text, 0, &match, &effort));
   EXPECT_EQ(match.spans[0].begin, 15000U);
   EXPECT_EQ(match.spans[1].end, 15015U);
+  // Wherever in the table the first pass ends, the second has room for a block.
+  for (std::size_t size = 16000; size < text.size(); size += 1000) {
+    ASSERT_TRUE(pattern::SearchInTwoPasses(
+        code, std::string_view(text).substr(0, size), 0, &match, &effort));
+    EXPECT_EQ(match.spans[0].begin, 15000U) << size;
+    EXPECT_EQ(match.spans[1].end, 15015U) << size;
+  }
 }
 
 TEST(PatternTest, ALineOfFiveMegabytesIsMatchedWhole) {
@@ -474,6 +489,11 @@ TEST(PatternTest, ProgramsThatWouldGrowTooLargeAreRefused) {
         "(a*){65535}"}) {
     EXPECT_FALSE(SPattern::Get(expression)->IsValid()) << expression;
   }
+  // One more than there is room for, and alternatives that move all before them.
+  EXPECT_TRUE(SPattern::Get(std::string(65535, 'a'))->IsValid());
+  EXPECT_FALSE(SPattern::Get(std::string(65536, 'a') + "|b")->IsValid());
+  EXPECT_FALSE(
+      SPattern::Get(Repeat("(", 9000) + "a" + Repeat("|b)", 9000))->IsValid());
   // Loops in each other whose bodies may be empty are copied for each level.
   const std::string loops = Repeat("(", 2000) + "a*" + Repeat(")*", 2000);
   EXPECT_FALSE(SPattern::Get(loops)->IsValid());

@@ -88,16 +88,15 @@ bool StateSets::Lives(const Instruction& i, std::size_t at, const Word* later,
     case Op::kClose:
       return here(1);
     case Op::kSplit:
+    case Op::kProgress:  // replaced by Unfold
     case Op::kBack:
       return here(1) || here(i.target);
     case Op::kJump:
       return here(i.target);
-    case Op::kProgress:
-      return false;
     case Op::kMatch:
-      return true;
+      break;
   }
-  return false;
+  return true;
 }
 
 State StateSets::Make(State later, int byte, Place place) {
