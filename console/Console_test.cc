@@ -90,6 +90,9 @@ TEST(GetInputTest, TheEndOfAPipeRepeatsTheDefaultWithPausesFromTheSecondOn) {
   EXPECT_EQ("[yes] \n[yes] \n", child.ReadFor(0.6));
   EXPECT_EQ("[yes] \n", child.ReadFor(0.9));
   EXPECT_EQ("[yes] \n", child.ReadFor(1.0));
+  // It goes on for as long as somebody reads.
+  child.CloseOutput();
+  EXPECT_EQ(3, child.Wait());
 }
 
 TEST(GetInputTest, TheNullDeviceIsAnEndlessEndOfInput) {
