@@ -238,6 +238,8 @@ TEST_F(CheckDatabaseTest, AFlippedBitInTheIndexIsDamageAndNotAMiss) {
   EXPECT_LT(0, damaged);
   std::uint32_t id = SDatabaseFile::kNone;
   EXPECT_FALSE(file.Store(SSection("/New"), &id));
+  EXPECT_FALSE(file.Compact()) << "what isn't found would be lost";
+  EXPECT_EQ(EBADMSG, errno);
   EXPECT_FALSE(file.Close());
 }
 
@@ -259,6 +261,46 @@ TEST_F(CheckDatabaseTest, ClosingSaysThatDamageWasFoundAndKeepsWhatWasStored) {
   EXPECT_EQ(EBADMSG, errno);
   ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kRead));
   EXPECT_NE(SDatabaseFile::kNone, file.Find("/New"));
+}
+
+TEST_F(CheckDatabaseTest, ARecordDamagedMeanwhileIsNotCompactedAway) {
+  Make();
+  SDatabaseFile file;
+  ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kWrite));
+  std::string bytes = Content();
+  bytes[bytes.find("/a")] = '!';
+  std::ofstream(path_, std::ios::binary) << bytes;
+  EXPECT_FALSE(file.Compact());
+  EXPECT_EQ(EBADMSG, errno);
+  EXPECT_FALSE(file.Close());
+  EXPECT_EQ(1,
+            std::distance(std::filesystem::directory_iterator(directory_), {}));
+}
+
+TEST_F(CheckDatabaseTest, ARecordThatIsTooBigIsRefused) {
+  SDatabaseFile file;
+  ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kCreate));
+  SSection section("/a");
+  section.Set("Key", SString('x', 64 << 20));
+  std::uint32_t id = SDatabaseFile::kNone;
+  EXPECT_FALSE(file.Store(section, &id));
+  EXPECT_EQ(EFBIG, errno);
+  EXPECT_TRUE(file.Store(SSection("/b"), &id));
+  EXPECT_TRUE(file.Close());
+  EXPECT_EQ("", Problem());
+}
+
+TEST_F(CheckDatabaseTest, AReaderHasNothingToSyncAndStoresNothing) {
+  Make();
+  SDatabaseFile file;
+  ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kRead));
+  EXPECT_TRUE(file.Sync());
+  std::uint32_t id = SDatabaseFile::kNone;
+  EXPECT_FALSE(file.Store(SSection("/b"), &id));
+  EXPECT_EQ(EBADF, errno);
+  EXPECT_FALSE(file.Remove(0));
+  EXPECT_TRUE(file.Close());
+  EXPECT_EQ("", Problem());
 }
 
 }  // namespace

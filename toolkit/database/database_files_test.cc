@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -232,6 +233,19 @@ TEST_F(DatabaseFilesTest, AWriterOfARenamedFileLeavesTheNewOneAlone) {
   EXPECT_EQ("/Config\nKey\n\tnew\n", Text(Path("Dispatch")));
   EXPECT_EQ("/Config\nKey\n\tlate\n", Text(Path("Dispatch.backup")));
   EXPECT_FALSE(fs::exists(Path("Dispatch.unfinished")));
+}
+
+TEST_F(DatabaseFilesTest, ANewFileThatAnotherProcessFillsIsLeftToIt) {
+  const std::string unfinished = Path("Dispatch.unfinished");
+  const int fd = open(unfinished.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(0, flock(fd, LOCK_EX | LOCK_NB));
+  SDatabaseFile file;
+  EXPECT_FALSE(file.Open(Path("Dispatch"), SDatabaseFile::Access::kCreate));
+  EXPECT_EQ(EWOULDBLOCK, errno);
+  EXPECT_TRUE(fs::exists(unfinished));
+  close(fd);
+  EXPECT_TRUE(file.Open(Path("Dispatch"), SDatabaseFile::Access::kCreate));
+  EXPECT_FALSE(fs::exists(unfinished)) << "a dead one's is removed";
 }
 
 TEST_F(DatabaseFilesTest, ProcessesThatRaceToMakeTheFileLoseNothing) {
