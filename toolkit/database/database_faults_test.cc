@@ -314,6 +314,10 @@ bool IsWhole(const SAccount& account) {
   std::mt19937 random(static_cast<unsigned>(seed));
   for (;;) {
     SAccountDBMod database;
+    // What was looked up before may be made by the other writer meanwhile.
+    if (!database.BecomeWriter()) {
+      _exit(errno);
+    }
     for (int i = 0; i < 200; ++i) {
       const std::string uid = Numbered("U", static_cast<int>(random() % 50));
       const SString value(static_cast<int>(random() % 1000));
