@@ -17,7 +17,7 @@ import xml.etree.ElementTree
 
 REPO = pathlib.Path(__file__).resolve().parent.parent
 PYTHON = "/usr/bin/python3"
-GROUP_SECONDS = 900
+GROUP_SECONDS = 1200
 FUZZ_RUNS = 2000
 
 
