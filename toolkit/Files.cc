@@ -128,7 +128,8 @@ bool RenameToFreeName(const SString& from, const SString& to) {
     return false;
   }
   // No further names for directories, nor for anything on some file systems.
-  if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS) {
+  if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS &&
+      errno != EINVAL) {
     return false;
   }
   if (PathTaken(to)) {

@@ -179,7 +179,8 @@ def remove(path):
     try:
         os.remove(path)
     except IsADirectoryError:
-        shutil.rmtree(path)
+        # Somebody may be exchanging it.
+        shutil.rmtree(path, ignore_errors=True)
     except FileNotFoundError:
         pass
 

@@ -103,14 +103,16 @@ def install(busy_host):
 # Nothing happens to the host.
 
 def differences(before, after):
-    """What differs between two looks, in a few lines."""
+    """What differs between two looks, in a few lines; not the times at which
+    programs of the checkout were run, should it lie in one of the places."""
     found = []
     for part in before:
         if isinstance(before[part], dict):
             found += [f"{part} {key}: {before[part].get(key)} -> "
                       f"{after[part].get(key)}"
                       for key in sorted({*before[part], *after[part]})
-                      if before[part].get(key) != after[part].get(key)]
+                      if before[part].get(key) != after[part].get(key)
+                      and not str(key).startswith(f"{REPO}/")]
         elif before[part] != after[part]:
             found.append(f"{part}: {before[part]} -> {after[part]}")
     return found
