@@ -91,7 +91,7 @@ bool SDatabaseFile::LockFile() {
     return false;
   }
   if (fstat(fd_.Get(), &opened) != 0 || lstat(path_.c_str(), &in_place) != 0 ||
-      opened.st_dev != in_place.st_dev || opened.st_ino != in_place.st_ino) {
+      !IsSameFile(opened, in_place)) {
     errno = EWOULDBLOCK;
     return false;
   }

@@ -53,14 +53,11 @@ std::size_t BeginRecord(RecordType type, std::uint32_t id,
 SStringList SSection::Get(std::string_view name) const {
   SStringList values;
   SSectionCursor cursor(keys_, key_count_);
-  std::string_view text;
-  while (cursor.NextKey(&text)) {
-    if (text == name) {
-      values.SetDefined();
-      while (cursor.NextValue(&text)) {
-        values.Push(SString(text));
-      }
-      break;
+  if (cursor.FindKey(name)) {
+    values.SetDefined();
+    std::string_view text;
+    while (cursor.NextValue(&text)) {
+      values.Push(SString(text));
     }
   }
   return values;
