@@ -68,16 +68,21 @@ def test_escapes_in_a_user_entry_reach_no_terminal(host):
     assert b"N?]0;owned??[2J" in run.output
 
 
+def but_access_time(status):
+    """The harness reads what a run has changed."""
+    return status[:7] + status[8:]
+
+
 def test_hard_links_to_files_of_root_stay_as_they_are(host):
     host.mkdir(MAILBOXES, 0o770, 950, 950)
     host.user("mal", 1001, gecos="Mal")
     host.write("/etc/secret", "From root\n\nSECRET\n", mode=0o600)
     host.sh("ln /etc/secret /var/mail/mal; ln /etc/secret /home/mal/.plan; "
             "ln /etc/secret /home/mal/.forward")
-    before = host.stat("/etc/secret")
+    before = but_access_time(host.stat("/etc/secret"))
     run = host.run_task(TASK, POP)
     assert "ALERT: Possible security problem with /var/mail/mal\n" in run.text
-    assert host.stat("/etc/secret") == before
+    assert but_access_time(host.stat("/etc/secret")) == before
     assert "Error: Couldn't open /var/mail/mal (1)\n" in run.text
     assert not any(b"SECRET" in (change.after or b"")
                    for change in run.changes.values())
