@@ -114,7 +114,7 @@ bool OurStore::IsWhole(const OurAccount& account) {
 }
 
 bool OurStore::Sync() {
-  return writer_->CloseDB();
+  return writer_->SyncDB();
 }
 
 // LMDB

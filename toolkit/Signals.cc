@@ -9,14 +9,19 @@ namespace {
 // one at any time: the count tells only of signals that are ignored already.
 volatile std::sig_atomic_t blocks = 0;
 
-}  // namespace
-
-SHoldSignals::SHoldSignals() {
+sigset_t HeldSignals() {
   sigset_t held;
   sigemptyset(&held);
   for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
     sigaddset(&held, signal);
   }
+  return held;
+}
+
+}  // namespace
+
+SHoldSignals::SHoldSignals() {
+  static const sigset_t held = HeldSignals();
   sigprocmask(SIG_BLOCK, &held, &former_);
 }
 

@@ -68,12 +68,11 @@ bool IsPlainFileName(std::string_view uid) {
   if (uid.empty() || uid == "." || uid == "..") {
     return false;
   }
-  for (const char c : uid) {
-    if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-      return false;
-    }
+  bool is_plain = true;
+  for (const char c : uid) {  // without an end halfway, many at once
+    is_plain &= c != '/' && static_cast<unsigned char>(c) >= 0x20 && c != 0x7f;
   }
-  return true;
+  return is_plain;
 }
 
 SString SAccountDB::GenerateUID(const SString& full_name) {

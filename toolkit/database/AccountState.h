@@ -46,6 +46,7 @@ class SAccountDB::State {
 
   std::string path;
   SDatabaseFile file;
+  SSection changed;  // what is about to be stored, its memory used again
   int open_error = 0;
   SStringList domains;
   std::uint64_t domains_generation = 0;

@@ -82,7 +82,7 @@ inline bool TakeText(std::string_view* bytes, std::string_view* text) {
   if (!TakeNumber(bytes, &length) || length > bytes->size()) {
     return false;
   }
-  *text = bytes->substr(0, length);
+  *text = {bytes->data(), length};
   bytes->remove_prefix(length);
   return true;
 }

@@ -6,6 +6,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -184,6 +185,51 @@ TEST_F(DatabaseErrorsTest, AFileSystemThatCannotReserveSpaceIsWrittenTo) {
         }
         EXPECT_TRUE(file.Close());
       });
+  ExpectSound(4);
+}
+
+TEST_F(DatabaseErrorsTest,
+       ChangesSyncedOneByOneGoIntoZerosWhichClosingCutsOff) {
+  SDatabaseFile file;
+  ASSERT_TRUE(file.Open(path_, Access::kCreate));
+  for (const char* path : {"/a", "/b", "/c"}) {
+    ASSERT_TRUE(StoreNew(&file, path) && file.Sync());
+  }
+  const std::uintmax_t size = fs::file_size(path_);
+  EXPECT_GT(size, 60000);
+  const SString value('x', 500);
+  for (const char* path : {"/d", "/e", "/f", "/g"}) {
+    ASSERT_TRUE(StoreNew(&file, path, value) && file.Sync());
+    EXPECT_EQ(size, fs::file_size(path_)) << "nothing for the file system";
+  }
+  SDatabaseFile reader;
+  ASSERT_TRUE(reader.Open(path_, Access::kRead));
+  EXPECT_EQ(7, reader.LiveSections());
+  ASSERT_TRUE(StoreNew(&file, "/h", SString('x', 100000)) && file.Sync());
+  EXPECT_TRUE(file.Close());
+  EXPECT_LT(fs::file_size(path_), 105000);
+  ExpectSound(8);
+}
+
+TEST_F(DatabaseErrorsTest, ADiskWithoutRoomForZerosStillTakesTheChange) {
+  SDatabaseFile file;
+  std::thread([&] {
+    ASSERT_TRUE(file.Open(path_, Access::kCreate));
+    for (const char* path : {"/a", "/b"}) {
+      ASSERT_TRUE(StoreNew(&file, path) && file.Sync());
+    }
+    // As on a full disk, some of the zeros are written.
+    const rlimit full = {fs::file_size(path_) + 5000, RLIM_INFINITY};
+    rlimit former = {};
+    ASSERT_EQ(0, prlimit(0, RLIMIT_FSIZE, &full, &former));
+    EXPECT_TRUE(StoreNew(&file, "/c") && file.Sync());
+    EXPECT_LT(fs::file_size(path_), full.rlim_cur - 4000) << "no zeros stay";
+    EXPECT_FALSE(StoreNew(&file, "/d", SString('x', 10000)));
+    EXPECT_EQ(EFBIG, errno);
+    EXPECT_TRUE(StoreNew(&file, "/e"));
+    ASSERT_EQ(0, prlimit(0, RLIMIT_FSIZE, &former, nullptr));
+  }).join();
+  EXPECT_TRUE(file.Close());
   ExpectSound(4);
 }
 

@@ -505,6 +505,7 @@ void SDatabaseFile::Forget() {
   reserved_end_ = 0;
   compaction_failed_ = false;
   sync_error_ = 0;
+  syncs_ = 0;
   ++generation_;
   ++removals_;
 }

@@ -141,6 +141,8 @@ class SDatabaseFile {
   bool LockFile();
   bool AppendRecord();
   bool ReserveSpace(std::uint64_t end);
+  bool ClearTail();
+  bool WriteZeros();
   bool WriteAt(std::string_view bytes, std::uint64_t offset);
   bool SyncData();
   bool WriteMark();
@@ -189,6 +191,7 @@ class SDatabaseFile {
   std::uint64_t synced_end_ = 0;
   std::int64_t synced_at_ = 0;
   int sync_error_ = 0;
+  int syncs_ = 0;
   bool compaction_failed_ = false;
 
   // A new file that isn't in place yet.

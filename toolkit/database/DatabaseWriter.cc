@@ -26,6 +26,8 @@ constexpr std::uint64_t kNeedsNoIndex = 256U << 10;
 constexpr std::uint64_t kLeastReserve = 64U << 10;
 constexpr std::uint64_t kMuchUseless = 1U << 20;
 constexpr std::uint64_t kMostReserve = 16U << 20;
+// A writer that waited for the disk as often will do so again.
+constexpr int kFewSyncs = 2;
 
 std::int64_t Milliseconds() {
   timespec now = {};
@@ -156,15 +158,8 @@ bool SDatabaseFile::AppendRecord() {
 // Takes space from the file system ahead of the need, so that an append is one
 // write, and fails here when there is none.
 bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
-  if (!tail_cleared_) {
-    // What a killed writer left behind the last whole record must never come to
-    // stand behind a new one.
-    if (file_size_ > end_ &&
-        ftruncate(fd_.Get(), static_cast<off_t>(end_)) != 0) {
-      return false;
-    }
-    file_size_ = end_;
-    tail_cleared_ = true;
+  if (!tail_cleared_ && !ClearTail()) {
+    return false;
   }
   if (end <= file_size_) {
     return true;
@@ -172,7 +167,7 @@ bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
   if (end_ == synced_end_) {
     // For a change that may be the only one before the next sync, taking space
     // and giving it back would be two more changes of the file system.
-    return true;
+    return syncs_ < kFewSyncs || WriteZeros() || ClearTail();
   }
   const SFailAtSizeLimit no_signal;
   const std::uint64_t ahead = std::clamp(end_ / 4, kLeastReserve, kMostReserve);
@@ -186,6 +181,29 @@ bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
   }
   // A file system that can't reserve tells when it is written to.
   return errno == EOPNOTSUPP || errno == ENOSYS;
+}
+
+// Cuts off what lies behind the last whole record: what a killed writer left
+// there must never come to stand behind a new one.
+bool SDatabaseFile::ClearTail() {
+  if (file_size_ > end_ &&
+      ftruncate(fd_.Get(), static_cast<off_t>(end_)) != 0) {
+    return false;
+  }
+  file_size_ = end_;
+  tail_cleared_ = true;
+  return true;
+}
+
+// Writes zeros for changes to come that are synced one by one: a sync then has
+// their bytes to write, and nothing of the file system's own as with a file that
+// grows or with space that was only reserved.
+bool SDatabaseFile::WriteZeros() {
+  if (!WriteAt(std::string(kLeastReserve, '\0'), file_size_)) {
+    return false;
+  }
+  reserved_end_ = file_size_;
+  return true;
 }
 
 bool SDatabaseFile::WriteAt(std::string_view bytes, std::uint64_t offset) {
@@ -228,6 +246,7 @@ bool SDatabaseFile::SyncData() {
     return false;
   }
   synced_end_ = end_;
+  ++syncs_;
   return WriteMark();
 }
 

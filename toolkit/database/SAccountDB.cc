@@ -6,6 +6,8 @@
 #include "toolkit/database/AccountState.h"
 #include "toolkit/database/Hash.h"
 
+using namespace std::string_view_literals;
+
 namespace {
 
 // Win over others with the same address, and are never given to users.
@@ -25,6 +27,14 @@ bool IsReservedInAnyCase(std::string_view uid) {
                        return reserved.size() == uid.size() &&
                               SLowerCaseText(reserved).View() == wanted.View();
                      });
+}
+
+// True for the account that an address stands for when both have it: a reserved
+// one, else the one made first.
+bool WinsOver(std::string_view former, std::uint32_t former_id,
+              std::string_view uid, std::uint32_t id) {
+  const bool is_reserved = IsReserved(uid);
+  return is_reserved == IsReserved(former) ? id < former_id : is_reserved;
 }
 
 // An account's section lies directly below the top.
@@ -88,14 +98,14 @@ bool SAccountMod::SetTogether(std::initializer_list<SFieldValues> fields) {
   if (!state.OpenForWriting() || !state.Refresh(uid_, fields_.get())) {
     return false;
   }
-  SSection changed = fields_->section;
+  state.changed = fields_->section;
   for (const auto& [name, values] : fields) {
-    changed.Set(name, values);
+    state.changed.Set(name, values);
   }
-  if (!state.file.Store(changed, &fields_->id)) {
+  if (!state.file.Store(state.changed, &fields_->id)) {
     return false;
   }
-  fields_->section = std::move(changed);
+  std::swap(fields_->section, state.changed);
   fields_->generation = state.file.Generation();
   return true;
 }
@@ -161,21 +171,19 @@ SString SAccountDB::GetAccountUID(const S821Address& address) const {
   }
   const std::string_view domain = address.Domain().View();
   const SLowerCaseText text(
-      {address.LocalPart().View(), domain.empty() ? "" : "@", domain});
+      {address.LocalPart().View(), domain.empty() ? ""sv : "@"sv, domain});
   // What memory takes to answer passes while the file is asked.
   state_->file.ExpectLookUp(text.View());
   if (!state_->Follow()) {
     return {};
   }
   std::uint32_t found = SDatabaseFile::kNone;
-  bool is_reserved = false;
   SString uid;
   state_->file.ForEachWithAddress(
       text.View(), [&](std::uint32_t id, std::string_view path) {
-        const bool reserved = IsReserved(path.substr(1));
-        if (reserved == is_reserved ? id < found : reserved) {
+        if (found == SDatabaseFile::kNone ||
+            WinsOver(uid.View(), found, path.substr(1), id)) {
           found = id;
-          is_reserved = reserved;
           uid = SString(path.substr(1));
         }
       });

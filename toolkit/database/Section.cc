@@ -69,7 +69,7 @@ void SSection::Set(const SString& name, const SStringList& values) {
   std::size_t end = 0;
   std::string_view text;
   for (int order = -1; order < 0 && cursor.NextKey(&text);) {
-    order = text.compare(name.View());
+    order = CompareKeys(text, name.View());
     if (order <= 0) {
       cursor.SkipValues();
       end = keys_.size() - cursor.Rest().size();
@@ -98,7 +98,7 @@ bool SSection::Decode(std::string_view body) {
   std::string_view former;
   std::string_view name;
   while (cursor.NextKey(&name)) {
-    if (cursor.KeysLeft() + 1 < key_count_ && name <= former) {
+    if (cursor.KeysLeft() + 1 < key_count_ && CompareKeys(name, former) <= 0) {
       return false;
     }
     former = name;

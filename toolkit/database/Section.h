@@ -36,6 +36,17 @@ class SSection {
   std::string keys_;
 };
 
+/// Less than, equal to or greater than 0 as `name` sorts before, is or sorts
+/// behind `other`, by bytes.  Most keys differ in their first byte.
+[[nodiscard]] inline int CompareKeys(std::string_view name,
+                                     std::string_view other) {
+  if (!name.empty() && !other.empty() && name.front() != other.front()) {
+    return static_cast<unsigned char>(name.front()) -
+           static_cast<unsigned char>(other.front());
+  }
+  return name.compare(other);
+}
+
 /// Walks through the body of a section record without copying it.
 class SSectionCursor {
  public:
@@ -68,13 +79,15 @@ class SSectionCursor {
   /// Goes on to the key, of a cursor that stands before it; false when there is
   /// no such key.
   bool FindKey(std::string_view wanted) {
+    // A copy of its own stays in registers while bytes are read.
+    SSectionCursor at = *this;
     std::string_view name;
-    while (NextKey(&name)) {
-      if (name >= wanted) {
-        return name == wanted;
-      }
+    int order = -1;
+    while (order < 0 && at.NextKey(&name)) {
+      order = CompareKeys(name, wanted);
     }
-    return false;
+    *this = at;
+    return order == 0;
   }
   /// The next value of the key; false after its last.
   bool NextValue(std::string_view* value) {

@@ -145,6 +145,10 @@ Step Delete(const char* uid) {
   return [uid](SAccountDBMod& database) { return database.DeleteAccount(uid); };
 }
 
+Step Sync() {
+  return [](SAccountDBMod& database) { return database.SyncDB(); };
+}
+
 Step Close() {
   return [](SAccountDBMod& database) { return database.CloseDB(); };
 }
@@ -161,6 +165,15 @@ TEST_F(DatabaseFaultsTest, AWriterKilledAtAnySystemCallLeavesAWholeState) {
       Delete("Bob"),
       Close(),
       Create("Bob"),
+      Sync(),
+      Change("Bob", "d"),
+      Sync(),
+      Change("Bob", "e"),
+      Sync(),
+      // Behind the next there are zeros.
+      Change("Bob", "f"),
+      Sync(),
+      Change("Bob", "g"),
   };
   std::vector<std::string> states = {"missing"};
   const auto run = [&](const std::function<void(int)>& after) {
