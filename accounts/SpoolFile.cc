@@ -56,13 +56,6 @@ SSpoolFile::~SSpoolFile() {
   }
 }
 
-bool SSpoolFile::NamesThisFile() const {
-  struct stat named = {};
-  struct stat open = {};
-  return lstat(path_, &named) == 0 && fstat(file_.Get(), &open) == 0 &&
-         IsSameFile(named, open);
-}
-
 bool SSpoolFile::IsLockLeft(struct stat* status) const {
   const SDescriptor lock(
       open(LockPath(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -151,7 +144,7 @@ int SSpoolFile::Open() {
     return EPERM;
   }
   const int cause = TakeLocks();
-  return cause == 0 && !NamesThisFile() ? ESTALE : cause;
+  return cause == 0 && !NamesOpenFile(path_, file_.Get()) ? ESTALE : cause;
 }
 
 ssize_t SSpoolFile::Read(char* buffer, std::size_t size) {
@@ -186,7 +179,7 @@ bool SSpoolFile::HasVersion(const SString& version) {
 bool SSpoolFile::Remove() {
   const SActAs as_root(SActAs::Root{});
   removed_at_ = offset_;
-  return NamesThisFile() && RemoveFile(path_);
+  return NamesOpenFile(path_, file_.Get()) && RemoveFile(path_);
 }
 
 bool SSpoolFile::PutBack() const {

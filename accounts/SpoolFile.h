@@ -56,7 +56,6 @@ class SSpoolFile {
   [[nodiscard]] bool TakeDotLock();
   [[nodiscard]] bool IsLockLeft(struct stat* status) const;
   [[nodiscard]] SString LockPath() const { return path_ + ".lock"; }
-  [[nodiscard]] bool NamesThisFile() const;
 
   SString path_;
   SDescriptor file_;

@@ -32,13 +32,6 @@ constexpr mode_t kPermissionBits = 07777;
 // A path that has become a FIFO or a terminal is refused, not waited for.
 constexpr int kCautiously = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
-bool NamesSameFile(const SString& path, int fd) {
-  struct stat named = {};
-  struct stat open = {};
-  return stat(path, &named) == 0 && fstat(fd, &open) == 0 &&
-         IsSameFile(named, open);
-}
-
 bool AreSameFile(int a, int b) {
   struct stat first = {};
   struct stat second = {};
@@ -81,7 +74,7 @@ SDescriptor OpenLocked(const SString& path) {
   struct stat status = {};
   if (file.IsOpen() && fstat(file.Get(), &status) == 0 &&
       S_ISREG(status.st_mode) && LockAgainstEditors(file.Get()) &&
-      NamesSameFile(path, file.Get())) {
+      NamesOpenFile(path, file.Get(), true)) {
     return file;
   }
   return SDescriptor();

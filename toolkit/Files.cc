@@ -68,6 +68,14 @@ bool IsSameFile(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
+bool NamesOpenFile(const SString& path, int fd, bool by_links) {
+  struct stat named = {};
+  struct stat open = {};
+  return fstatat(AT_FDCWD, path, &named, by_links ? 0 : AT_SYMLINK_NOFOLLOW) ==
+             0 &&
+         fstat(fd, &open) == 0 && IsSameFile(named, open);
+}
+
 long long FileSize(const SString& path) {
   struct stat status = {};
   return stat(path, &status) == 0 ? status.st_size : -1;

@@ -46,12 +46,10 @@ void SIndexCheck::TakeSection(std::uint32_t id, const SRecordPlace& place,
   if (path.rfind('/') != 0) {
     return;
   }
-  std::string_view text;
-  while (cursor.NextKey(&text)) {
-    if (text == kAddressKey) {
-      while (cursor.NextValue(&text)) {
-        entries_.push_back(Entry(text, ~salt_, id));
-      }
+  std::string_view address;
+  if (cursor.FindKey(kAddressKey)) {
+    while (cursor.NextValue(&address)) {
+      entries_.push_back(Entry(address, ~salt_, id));
     }
   }
 }

@@ -2,7 +2,6 @@
 // then in place by one rename.
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,21 +20,6 @@ namespace {
 
 constexpr mode_t kFileMode = 0640;
 constexpr char kTemporarySuffix[] = ".unfinished";
-
-// Locks the open file, which must still have the name; EWOULDBLOCK when it has
-// another, or when a living process is at work there.
-bool LockUnderName(int fd, const std::string& name) {
-  struct stat opened = {};
-  struct stat in_place = {};
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0 || fstat(fd, &opened) != 0) {
-    return false;
-  }
-  if (lstat(name.c_str(), &in_place) != 0 || !IsSameFile(opened, in_place)) {
-    errno = EWOULDBLOCK;
-    return false;
-  }
-  return true;
-}
 
 // Gives the new file the owner and group of the one that it replaces, whoever
 // the writer is.

@@ -138,6 +138,7 @@ class SDatabaseFile {
 
   // DatabaseWriter.cc
   bool OpenWriter(Access access);
+  static bool LockUnderName(int fd, const std::string& name);
   bool LockFile();
   bool AppendRecord();
   bool ReserveSpace(std::uint64_t end);

@@ -78,10 +78,22 @@ bool SDatabaseFile::OpenWriter(Access access) {
   return false;
 }
 
-// Locks the open file; EWOULDBLOCK also when it isn't the one in place any more.
+// Locks the open file, which must still have the name; EWOULDBLOCK when it has
+// another, or when a living process is at work there.
+bool SDatabaseFile::LockUnderName(int fd, const std::string& name) {
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    return false;
+  }
+  if (!NamesOpenFile(SString(std::string_view(name)), fd)) {
+    errno = EWOULDBLOCK;
+    return false;
+  }
+  return true;
+}
+
+// Locks the file that was opened.
 bool SDatabaseFile::LockFile() {
   struct stat opened = {};
-  struct stat in_place = {};
   if (fstat(fd_.Get(), &opened) != 0) {
     return false;
   }
@@ -89,12 +101,7 @@ bool SDatabaseFile::LockFile() {
     errno = EBADMSG;
     return false;
   }
-  if (flock(fd_.Get(), LOCK_EX | LOCK_NB) != 0) {
-    return false;
-  }
-  if (fstat(fd_.Get(), &opened) != 0 || lstat(path_.c_str(), &in_place) != 0 ||
-      !IsSameFile(opened, in_place)) {
-    errno = EWOULDBLOCK;
+  if (!LockUnderName(fd_.Get(), path_) || fstat(fd_.Get(), &opened) != 0) {
     return false;
   }
   file_size_ = static_cast<std::uint64_t>(opened.st_size);

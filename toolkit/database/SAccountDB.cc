@@ -201,17 +201,16 @@ SStringList SAccountDB::GetLocalMailDomains() const {
   state_->ForEachBody([&](std::string_view body) {
     SSectionCursor cursor(body);
     std::string_view text;
-    while (IsAccountPath(cursor.Path()) && cursor.NextKey(&text)) {
-      if (text != database_format::kAddressKey) {
-        continue;
-      }
-      while (cursor.NextValue(&text)) {
-        const SLowerCaseText address(text);
-        const std::size_t at = address.View().rfind('@');
-        if (at != std::string_view::npos && at + 1 < address.View().size() &&
-            domains.find(address.View().substr(at + 1)) == domains.end()) {
-          domains.emplace(address.View().substr(at + 1));
-        }
+    if (!IsAccountPath(cursor.Path()) ||
+        !cursor.FindKey(database_format::kAddressKey)) {
+      return;
+    }
+    while (cursor.NextValue(&text)) {
+      const SLowerCaseText address(text);
+      const std::size_t at = address.View().rfind('@');
+      if (at != std::string_view::npos && at + 1 < address.View().size() &&
+          domains.find(address.View().substr(at + 1)) == domains.end()) {
+        domains.emplace(address.View().substr(at + 1));
       }
     }
   });
@@ -262,7 +261,9 @@ bool SAccountDBMod::BecomeWriter() {
       return true;
     }
   } while (errno == EWOULDBLOCK && --seconds_to_wait_ > 0);
-  seconds_to_wait_ = 1;
+  if (errno == EWOULDBLOCK) {
+    seconds_to_wait_ = 1;
+  }
   return false;
 }
 
