@@ -343,12 +343,11 @@ std::uint32_t SDatabaseFile::Find(std::string_view path, SSection* section) {
 }
 
 bool SDatabaseFile::HasPathInAnyCase(std::string_view path) {
-  const SLowerCaseText wanted(path);
   bool found = false;
   index_.ForEach(HashOfPath(path), [&](std::uint32_t id) {
     std::string_view body;
     found = ReadBody(id, &body) &&
-            SLowerCaseText(SSectionCursor(body).Path()).View() == wanted.View();
+            IsSameInAnyCase(SSectionCursor(body).Path(), path);
     return !found;
   });
   return found;
@@ -506,12 +505,18 @@ void SDatabaseFile::Forget() {
   compaction_failed_ = false;
   sync_error_ = 0;
   syncs_ = 0;
+  hashed_path_.clear();
   ++generation_;
   ++removals_;
 }
 
-std::uint32_t SDatabaseFile::HashOfPath(std::string_view path) const {
-  return HashOfText(SLowerCaseText(path).View(), salt_);
+// A section that was looked for is often the next to be stored.
+std::uint32_t SDatabaseFile::HashOfPath(std::string_view path) {
+  if (path.empty() || path != hashed_path_) {
+    hashed_path_ = path;
+    hash_ = HashOfText(SLowerCaseText(path).View(), salt_);
+  }
+  return hash_;
 }
 
 std::uint32_t SDatabaseFile::HashOfAddress(std::string_view address) const {

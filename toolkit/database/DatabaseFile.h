@@ -131,7 +131,7 @@ class SDatabaseFile {
   [[nodiscard]] bool MayReadAhead(std::uint64_t offset) const;
   void Keep(std::uint64_t offset, std::uint64_t size);
   void Forget();
-  [[nodiscard]] std::uint32_t HashOfPath(std::string_view path) const;
+  [[nodiscard]] std::uint32_t HashOfPath(std::string_view path);
   [[nodiscard]] std::uint32_t HashOfAddress(std::string_view address) const;
   [[nodiscard]] static bool BodyHasAddress(std::string_view body,
                                            std::string_view address);
@@ -183,6 +183,8 @@ class SDatabaseFile {
   std::vector<bool> kept_blocks_;
   std::vector<bool> verified_;  // sections whose records are kept and sound
   std::string scratch_;
+  std::string hashed_path_;
+  std::uint32_t hash_ = 0;
 
   // Writing.
   std::string record_;

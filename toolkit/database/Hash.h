@@ -30,6 +30,13 @@ class SLowerCaseText {
 [[nodiscard]] bool IsSameInLowerCase(std::string_view text,
                                      std::string_view lower);
 
+/// True when the texts are the same, the case of ASCII letters disregarded.
+[[nodiscard]] inline bool IsSameInAnyCase(std::string_view one,
+                                          std::string_view other) {
+  return one.size() == other.size() &&
+         IsSameInLowerCase(one, SLowerCaseText(other).View());
+}
+
 /// The upper half of MurmurHash64A (Austin Appleby, 2008, public domain), words
 /// taken little-endian.
 [[nodiscard]] std::uint32_t HashOfText(std::string_view text,

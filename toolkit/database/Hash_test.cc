@@ -31,6 +31,7 @@ TEST(HashTest, OnlyAsciiLettersGetLowerCaseAtAnyPlaceOfAnyLength) {
       const std::string lower = Lower(text);
       ASSERT_EQ(lower, SLowerCaseText(text).View()) << size << " " << first;
       ASSERT_TRUE(IsSameInLowerCase(text, lower)) << size << " " << first;
+      ASSERT_TRUE(IsSameInAnyCase(lower, text)) << size << " " << first;
     }
   }
 }
@@ -53,6 +54,7 @@ TEST(HashTest, OneOtherByteAnywhereIsAnotherText) {
       ASSERT_FALSE(IsSameInLowerCase(text, other)) << size << " " << at;
     }
     EXPECT_FALSE(IsSameInLowerCase(text, Lower(text) + "a"));
+    EXPECT_FALSE(IsSameInAnyCase(text, Lower(text) + "a"));
   }
 }
 

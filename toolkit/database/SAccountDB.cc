@@ -21,11 +21,9 @@ bool IsReserved(std::string_view uid) {
 }
 
 bool IsReservedInAnyCase(std::string_view uid) {
-  const SLowerCaseText wanted(uid);
   return std::any_of(std::begin(kReservedUIDs), std::end(kReservedUIDs),
                      [&](std::string_view reserved) {
-                       return reserved.size() == uid.size() &&
-                              SLowerCaseText(reserved).View() == wanted.View();
+                       return IsSameInAnyCase(reserved, uid);
                      });
 }
 

@@ -63,7 +63,18 @@ SStringList SSection::Get(std::string_view name) const {
   return values;
 }
 
+bool SSection::IsBehindAll(std::string_view name) const {
+  std::string_view rest = std::string_view(keys_).substr(last_key_);
+  std::string_view last;
+  return key_count_ == 0 ||
+         (TakeText(&rest, &last) && CompareKeys(last, name) < 0);
+}
+
 void SSection::Set(const SString& name, const SStringList& values) {
+  if (IsBehindAll(name.View())) {
+    Append(name, values);
+    return;
+  }
   SSectionCursor cursor(keys_, key_count_);
   std::size_t begin = 0;
   std::size_t end = 0;
@@ -77,16 +88,17 @@ void SSection::Set(const SString& name, const SStringList& values) {
     }
   }
   const std::size_t size = SizeOfKey(name.View(), values);
-  keys_.reserve(kUsualSize);
   key_count_ += begin == end ? 1 : 0;
+  last_key_ += end <= last_key_ ? size - (end - begin) : 0;
   keys_.replace(begin, end - begin, size, '\0');
   PutKey(keys_.data() + begin, name.View(), values);
 }
 
 void SSection::Append(const SString& name, const SStringList& values) {
-  const std::size_t begin = keys_.size();
-  keys_.resize(begin + SizeOfKey(name.View(), values));
-  PutKey(keys_.data() + begin, name.View(), values);
+  last_key_ = keys_.size();
+  keys_.reserve(kUsualSize);
+  keys_.resize(last_key_ + SizeOfKey(name.View(), values));
+  PutKey(keys_.data() + last_key_, name.View(), values);
   ++key_count_;
 }
 
@@ -95,9 +107,12 @@ bool SSection::Decode(std::string_view body) {
   const std::string_view keys = cursor.Rest();
   path_ = SString(cursor.Path());
   key_count_ = cursor.KeysLeft();
+  last_key_ = 0;
   std::string_view former;
   std::string_view name;
-  while (cursor.NextKey(&name)) {
+  for (std::size_t at = 0; cursor.NextKey(&name);
+       at = keys.size() - cursor.Rest().size()) {
+    last_key_ = at;
     if (cursor.KeysLeft() + 1 < key_count_ && CompareKeys(name, former) <= 0) {
       return false;
     }

@@ -20,7 +20,8 @@ class SSection {
   /// The values of the key; undefined when there is no such key, defined when
   /// there is, though the list may be empty.
   [[nodiscard]] SStringList Get(std::string_view name) const;
-  /// Replaces the values of the key.  Takes time for all keys.
+  /// Replaces the values of the key.  Takes time for the keys before it, unless
+  /// it comes behind all others.
   void Set(const SString& name, const SStringList& values);
   /// The same for a key that comes behind all others.
   void Append(const SString& name, const SStringList& values);
@@ -31,9 +32,12 @@ class SSection {
   void AppendBody(std::string* out) const;
 
  private:
+  [[nodiscard]] bool IsBehindAll(std::string_view name) const;
+
   SString path_;
   std::uint32_t key_count_ = 0;
   std::string keys_;
+  std::size_t last_key_ = 0;  // where it begins
 };
 
 /// Less than, equal to or greater than 0 as `name` sorts before, is or sorts
