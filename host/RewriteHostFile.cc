@@ -74,7 +74,7 @@ SDescriptor OpenLocked(const SString& path) {
   struct stat status = {};
   if (file.IsOpen() && fstat(file.Get(), &status) == 0 &&
       S_ISREG(status.st_mode) && LockAgainstEditors(file.Get()) &&
-      NamesOpenFile(path, file.Get(), true)) {
+      LeadsToOpenFile(path, file.Get())) {
     return file;
   }
   return SDescriptor();

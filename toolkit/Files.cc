@@ -68,12 +68,18 @@ bool IsSameFile(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-bool NamesOpenFile(const SString& path, int fd, bool by_links) {
+bool NamesOpenFile(const SString& path, int fd) {
   struct stat named = {};
   struct stat open = {};
-  return fstatat(AT_FDCWD, path, &named, by_links ? 0 : AT_SYMLINK_NOFOLLOW) ==
-             0 &&
-         fstat(fd, &open) == 0 && IsSameFile(named, open);
+  return lstat(path, &named) == 0 && fstat(fd, &open) == 0 &&
+         IsSameFile(named, open);
+}
+
+bool LeadsToOpenFile(const SString& path, int fd) {
+  struct stat reached = {};
+  struct stat open = {};
+  return stat(path, &reached) == 0 && fstat(fd, &open) == 0 &&
+         IsSameFile(reached, open);
 }
 
 long long FileSize(const SString& path) {

@@ -22,10 +22,10 @@
 [[nodiscard]] bool IsWriteable(const SString& path);
 /// True when both statuses are those of one file, whatever its names are.
 [[nodiscard]] bool IsSameFile(const struct stat& one, const struct stat& other);
-/// True when the path names the open file at this moment, by itself or, if
-/// `by_links`, through links.
-[[nodiscard]] bool NamesOpenFile(const SString& path, int fd,
-                                 bool by_links = false);
+/// True when the path itself is a name of the open file at this moment.
+[[nodiscard]] bool NamesOpenFile(const SString& path, int fd);
+/// True when the path leads to the open file at this moment, links followed.
+[[nodiscard]] bool LeadsToOpenFile(const SString& path, int fd);
 /// Size in bytes, links followed; -1 when it can't be told.
 [[nodiscard]] long long FileSize(const SString& path);
 

@@ -163,7 +163,7 @@ bool SDatabaseFile::Install(SDatabaseFile* former) {
     former->record_.clear();
     AppendBareRecord(RecordType::kReplaced, 0, former->last_checksum_,
                      &former->record_);
-    if (former->ReserveSpace(former->end_ + former->record_.size())) {
+    if (former->tail_cleared_ || former->ClearTail()) {
       (void)former->WriteAt(former->record_, former->end_);
     }
     former->Forget();

@@ -141,7 +141,8 @@ class SDatabaseFile {
   static bool LockUnderName(int fd, const std::string& name);
   bool LockFile();
   bool AppendRecord();
-  bool ReserveSpace(std::uint64_t end);
+  bool MakeRoomForChange(std::uint64_t end);
+  bool ReserveSpace(std::uint64_t end, std::uint64_t ahead);
   bool ClearTail();
   bool WriteZeros();
   bool WriteAt(std::string_view bytes, std::uint64_t offset);
@@ -194,7 +195,7 @@ class SDatabaseFile {
   std::uint64_t synced_end_ = 0;
   std::int64_t synced_at_ = 0;
   int sync_error_ = 0;
-  int syncs_ = 0;
+  int syncs_ = 0;  // since it was opened or compacted
   bool compaction_failed_ = false;
 
   // A new file that isn't in place yet.

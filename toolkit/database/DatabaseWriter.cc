@@ -28,6 +28,8 @@ constexpr std::uint64_t kMuchUseless = 1U << 20;
 constexpr std::uint64_t kMostReserve = 16U << 20;
 // A writer that waited for the disk as often will do so again.
 constexpr int kFewSyncs = 2;
+// After a write of which some bytes may be in the file.
+constexpr std::uint64_t kUnknownSize = UINT64_MAX;
 
 std::int64_t Milliseconds() {
   timespec now = {};
@@ -51,6 +53,7 @@ bool SDatabaseFile::OpenWriter(Access access) {
         path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (fd_.IsOpen()) {
       if (LockFile()) {
+        writes_ = true;
         writes_ = TakeIn();
         synced_end_ = mark_.synced_end;
         replaced_ = false;
@@ -146,7 +149,7 @@ bool SDatabaseFile::AppendRecord() {
   }
   {
     const SHoldSignals hold;
-    if (!ReserveSpace(end_ + record_.size()) || !WriteAt(record_, end_)) {
+    if (!MakeRoomForChange(end_ + record_.size()) || !WriteAt(record_, end_)) {
       return false;
     }
   }
@@ -162,32 +165,56 @@ bool SDatabaseFile::AppendRecord() {
   return true;
 }
 
-// Takes space from the file system ahead of the need, so that an append is one
-// write, and fails here when there is none.
-bool SDatabaseFile::ReserveSpace(std::uint64_t end) {
+// Sees to it that a change which ends there is one write, and fails here when
+// there is no space.
+bool SDatabaseFile::MakeRoomForChange(std::uint64_t end) {
+  if (end_ != synced_end_) {
+    return ReserveSpace(end, std::clamp(end_ / 4, kLeastReserve, kMostReserve));
+  }
+  if (!tail_cleared_ && !ClearTail()) {
+    return false;
+  }
+  if (end <= file_size_ || syncs_ < kFewSyncs) {
+    // For a change that may be the only one before the next sync, taking space
+    // and giving it back would be two more changes of the file system.
+    return true;
+  }
+  // Zeros that there is no space for are cut off, and the change is tried alone.
+  return WriteZeros() || ClearTail();
+}
+
+// Takes space from the file system up to `end`, and `ahead` more if there is as
+// much.
+bool SDatabaseFile::ReserveSpace(std::uint64_t end, std::uint64_t ahead) {
   if (!tail_cleared_ && !ClearTail()) {
     return false;
   }
   if (end <= file_size_) {
     return true;
   }
-  if (end_ == synced_end_) {
-    // For a change that may be the only one before the next sync, taking space
-    // and giving it back would be two more changes of the file system.
-    return syncs_ < kFewSyncs || WriteZeros() || ClearTail();
-  }
   const SFailAtSizeLimit no_signal;
-  const std::uint64_t ahead = std::clamp(end_ / 4, kLeastReserve, kMostReserve);
   for (const std::uint64_t wanted : {end + ahead, end}) {
-    if (fallocate(fd_.Get(), 0, static_cast<off_t>(file_size_),
-                  static_cast<off_t>(wanted - file_size_)) == 0) {
+    if (TEMP_FAILURE_RETRY(
+            fallocate(fd_.Get(), 0, static_cast<off_t>(file_size_),
+                      static_cast<off_t>(wanted - file_size_))) == 0) {
       file_size_ = wanted;
       reserved_end_ = wanted;
       return true;
     }
+    if (errno == EOPNOTSUPP || errno == ENOSYS) {
+      // A file system that can't reserve tells when it is written to.
+      return true;
+    }
+    // Some keep what they found before there was no more.
+    const int cause = errno;
+    if (ftruncate(fd_.Get(), static_cast<off_t>(file_size_)) != 0) {
+      tail_cleared_ = false;
+      file_size_ = kUnknownSize;
+      return false;
+    }
+    errno = cause;
   }
-  // A file system that can't reserve tells when it is written to.
-  return errno == EOPNOTSUPP || errno == ENOSYS;
+  return false;
 }
 
 // Cuts off what lies behind the last whole record: what a killed writer left
@@ -230,7 +257,7 @@ bool SDatabaseFile::WriteAt(std::string_view bytes, std::uint64_t offset) {
       // Some bytes of a record may be there; nobody takes them for one, but the
       // next append begins by clearing them away.
       tail_cleared_ = false;
-      file_size_ = UINT64_MAX;
+      file_size_ = kUnknownSize;
       return false;
     }
     bytes.remove_prefix(static_cast<std::size_t>(written));
@@ -297,7 +324,7 @@ bool SDatabaseFile::SaveIndex() {
   }
   const std::string record = index_.Record(last_checksum_);
   const SHoldSignals hold;
-  if (index_.IsDamaged() || !ReserveSpace(end_ + record.size()) ||
+  if (index_.IsDamaged() || !ReserveSpace(end_ + record.size(), 0) ||
       !WriteAt(std::string_view(record).substr(kIndexHeadSize),
                end_ + kIndexHeadSize) ||
       !WriteAt(std::string_view(record).substr(0, kIndexHeadSize), end_)) {
@@ -331,7 +358,7 @@ bool SDatabaseFile::Close() {
       // Without it the next one to open reads more.
       (void)SaveIndex();
     }
-    if (tail_cleared_ && file_size_ > end_) {
+    if (file_size_ > end_ && (tail_cleared_ || file_size_ == kUnknownSize)) {
       const SHoldSignals hold;
       (void)!ftruncate(fd_.Get(), static_cast<off_t>(end_));
     }

@@ -15,6 +15,17 @@ namespace {
 
 constexpr std::uint64_t kFewestSlots = 64;
 
+// Reads a block of those that begin at `offset`; false when it isn't sound.
+bool ReadBlock(int fd, std::uint64_t offset, std::uint64_t block,
+               std::uint32_t seed, char* bytes) {
+  const ssize_t got = pread(fd, bytes, kBlockSize,
+                            static_cast<off_t>(offset + block * kBlockSize));
+  return got == static_cast<ssize_t>(kBlockSize) &&
+         Get64(bytes + kBlockSize - 8) ==
+             Crc32c({bytes, kBlockSize - 8},
+                    seed + static_cast<std::uint32_t>(block));
+}
+
 std::uint64_t BlocksFor(std::uint64_t words) {
   return (words + kWordsInBlock - 1) / kWordsInBlock;
 }
@@ -53,12 +64,7 @@ void SWordArray::Attach(int fd, std::uint64_t offset, std::uint64_t size,
 void SWordArray::LoadBlock(std::uint64_t block) {
   char bytes[kBlockSize];
   loaded_[block] = true;
-  const ssize_t got = pread(fd_, bytes, sizeof bytes,
-                            static_cast<off_t>(offset_ + block * kBlockSize));
-  const std::uint32_t checksum = Crc32c(
-      {bytes, kBlockSize - 8}, seed_ + static_cast<std::uint32_t>(block));
-  if (got != static_cast<ssize_t>(sizeof bytes) ||
-      Get64(bytes + kBlockSize - 8) != checksum) {
+  if (!ReadBlock(fd_, offset_, block, seed_, bytes)) {
     damaged_ = true;
     return;
   }
@@ -112,6 +118,19 @@ void SDatabaseIndex::Clear() {
   used_ = 0;
   live_ = 0;
   live_bytes_ = 0;
+}
+
+bool SDatabaseIndex::IsWhole(int fd, std::uint64_t offset,
+                             std::string_view head, std::uint64_t size) {
+  const std::uint32_t seed = Get32(head.data() + kRecordChecksum);
+  char bytes[kBlockSize];
+  for (std::uint64_t block = 0; kIndexHeadSize + block * kBlockSize < size;
+       ++block) {
+    if (!ReadBlock(fd, offset + kIndexHeadSize, block, seed, bytes)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 bool SDatabaseIndex::Attach(int fd, std::uint64_t offset,

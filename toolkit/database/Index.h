@@ -96,6 +96,11 @@ class SDatabaseIndex {
   /// false when the head isn't one.
   bool Attach(int fd, std::uint64_t offset, std::string_view head);
 
+  /// True when all blocks of the index record at `offset`, of `size` bytes and
+  /// with that head, are what was written.
+  [[nodiscard]] static bool IsWhole(int fd, std::uint64_t offset,
+                                    std::string_view head, std::uint64_t size);
+
   /// Sections ever made, removed ones included.
   [[nodiscard]] std::uint32_t Sections() const {
     return static_cast<std::uint32_t>(places_.Size());

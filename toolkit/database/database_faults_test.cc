@@ -168,9 +168,9 @@ TEST_F(DatabaseFaultsTest, AWriterKilledAtAnySystemCallLeavesAWholeState) {
       Sync(),
       Change("Bob", "d"),
       Sync(),
+      // This one writes zeros behind itself.
       Change("Bob", "e"),
       Sync(),
-      // Behind the next there are zeros.
       Change("Bob", "f"),
       Sync(),
       Change("Bob", "g"),

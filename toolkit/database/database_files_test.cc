@@ -248,6 +248,32 @@ TEST_F(DatabaseFilesTest, ANewFileThatAnotherProcessFillsIsLeftToIt) {
   EXPECT_FALSE(fs::exists(unfinished)) << "a dead one's is removed";
 }
 
+// After a power failure while a writer closed.
+TEST_F(DatabaseFilesTest, AnIndexOfWhichOnlyTheHeadIsOnDiskIsTheEndOfTheLog) {
+  SAccountDBMod writer;
+  for (int i = 0; i < 3000; ++i) {
+    ASSERT_TRUE(MakeAccount(writer, Numbered("User-", i)));
+  }
+  ASSERT_TRUE(writer.SyncDB());
+  const std::string before = Content(Path("Accounts"));
+  ASSERT_TRUE(writer.CloseDB());
+  std::string torn = Content(Path("Accounts"));
+  const auto index = std::max(Get64(&torn[kSectorSize + kMarkIndex]),
+                              Get64(&torn[2 * kSectorSize + kMarkIndex]));
+  ASSERT_GT(index, kHeadSize);
+  ASSERT_GT(torn.size(), index + kBlockSize);
+  torn.replace(0, kHeadSize, before, 0, kHeadSize);
+  std::fill(torn.begin() + static_cast<std::ptrdiff_t>(index + kIndexHeadSize),
+            torn.end(), '\0');
+  std::ofstream(Path("Accounts"), std::ios::binary) << torn;
+
+  EXPECT_TRUE(SAccountDB().GetAccountInfo("User-2999"));
+  ASSERT_TRUE(MakeAccounts(3000, 3001));
+  std::string problem;
+  EXPECT_TRUE(CheckDatabase(Path("Accounts"), &problem)) << problem;
+  EXPECT_EQ(3001, SAccountDB().AccountUIDCount());
+}
+
 TEST_F(DatabaseFilesTest, ProcessesThatRaceToMakeTheFileLoseNothing) {
   constexpr int kProcesses = 6;
   for (int round = 0; round < 30; ++round) {
