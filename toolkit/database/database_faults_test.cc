@@ -250,37 +250,39 @@ TEST_F(DatabaseFaultsTest, AnOpenLogDamagedAnywhereIsAnOldStateOrRefused) {
 }
 
 TEST_F(DatabaseFaultsTest, AFullDiskFailsTheStoreAndChangesNothing) {
-  if (geteuid() != 0) {
-    GTEST_SKIP() << "needs root to mount a small file system";
+  const std::string directory = home_ + "/config";
+  const auto mount_small_disk = [&] {
+    return unshare(CLONE_NEWNS) == 0 &&
+           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("small", directory.c_str(), "tmpfs", 0, "size=256k") == 0;
+  };
+  if (InChild(mount_small_disk) != 0) {
+    GTEST_SKIP() << "needs the right to mount a small file system";
   }
-  EXPECT_EQ(
-      0, InChild([&] {
-        const std::string directory = home_ + "/config";
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("small", directory.c_str(), "tmpfs", 0, "size=256k") != 0) {
-          return false;
-        }
-        Sdbfile file("Dispatch", 0, "Vellumcraft");
-        if (!file.Open("/Config", 1)) {
-          return false;
-        }
-        int stored = 0;
-        while (stored < 1000 &&
-               file.Set(SString(Numbered("Key", stored)), SString('x', 1000))) {
-          ++stored;
-        }
-        // What is stored takes 1 KB each; room for the useless part must be found
-        // by writing a new file, as long as that fits beside the old one.
-        const bool full = errno == ENOSPC && stored > 5 && stored < 1000;
-        const bool unchanged =
-            file.Get(SString(Numbered("Key", stored - 1))).Count() == 1 &&
-            !file.Get(SString(Numbered("Key", stored))).Defined();
-        const bool closed = file.CloseDB();
-        std::string problem;
-        return full && unchanged && closed &&
-               CheckDatabase(directory + "/Dispatch", &problem);
-      }));
+  EXPECT_EQ(0, InChild([&] {
+              if (!mount_small_disk()) {
+                return false;
+              }
+              Sdbfile file("Dispatch", 0, "Vellumcraft");
+              if (!file.Open("/Config", 1)) {
+                return false;
+              }
+              int stored = 0;
+              while (stored < 1000 && file.Set(SString(Numbered("Key", stored)),
+                                               SString('x', 1000))) {
+                ++stored;
+              }
+              // What is stored takes 1 KB each; room for the useless part must be found
+              // by writing a new file, as long as that fits beside the old one.
+              const bool full = errno == ENOSPC && stored > 5 && stored < 1000;
+              const bool unchanged =
+                  file.Get(SString(Numbered("Key", stored - 1))).Count() == 1 &&
+                  !file.Get(SString(Numbered("Key", stored))).Defined();
+              const bool closed = file.CloseDB();
+              std::string problem;
+              return full && unchanged && closed &&
+                     CheckDatabase(directory + "/Dispatch", &problem);
+            }));
 }
 
 TEST_F(DatabaseFaultsTest, WithoutPermissionErrnoSaysSo) {
