@@ -17,16 +17,8 @@ using namespace database_format;
 namespace {
 
 constexpr std::size_t kReadAhead = 65536;
-constexpr std::size_t kCacheLine = 64;
-constexpr std::uint64_t kWriterReads = 8 * kBlockSize;
-constexpr std::uint64_t kMostKept = std::uint64_t{1} << 30;
 // A writer that changes a mark while it is read is long done after these.
 constexpr int kTriesToReadHead = 100;
-
-bool Damaged() {
-  errno = EBADMSG;
-  return false;
-}
 
 std::int64_t CoarseSeconds() {
   timespec now = {};
@@ -49,13 +41,12 @@ std::string_view AddressesOf(std::string_view body) {
   return from.substr(0, from.size() - cursor.Rest().size());
 }
 
-// False with EBADMSG when the file ends before.
-bool ReadWhole(int fd, char* bytes, std::size_t size, std::uint64_t offset) {
-  const ssize_t got = pread(fd, bytes, size, static_cast<off_t>(offset));
-  return got == static_cast<ssize_t>(size) || (got >= 0 && Damaged());
-}
-
 }  // namespace
+
+bool SDatabaseFile::Damaged() {
+  errno = EBADMSG;
+  return false;
+}
 
 bool SDatabaseFile::Open(const std::string& path, Access access) {
   Forget();
@@ -325,99 +316,6 @@ bool SDatabaseFile::WasReplaced() {
          (status.st_dev != device_ || status.st_ino != inode_);
 }
 
-std::uint32_t SDatabaseFile::Find(std::string_view path, SSection* section) {
-  std::uint32_t found = kNone;
-  errno = 0;
-  index_.ForEach(HashOfPath(path), [&](std::uint32_t id) {
-    std::string_view body;
-    if (!ReadBody(id, &body)) {
-      // A removed section leaves its entry behind.
-      errno = errno == ENOENT ? 0 : errno;
-    } else if (SSectionCursor(body).Path() == path) {
-      if (section == nullptr || section->Decode(body)) {
-        found = id;
-      } else {
-        errno = EBADMSG;
-      }
-    }
-    return found == kNone && errno == 0;
-  });
-  if (index_.IsDamaged()) {
-    errno = EBADMSG;
-  }
-  return found;
-}
-
-bool SDatabaseFile::HasPathInAnyCase(std::string_view path) {
-  bool found = false;
-  index_.ForEach(HashOfPath(path), [&](std::uint32_t id) {
-    std::string_view body;
-    found = ReadBody(id, &body) &&
-            IsSameInAnyCase(SSectionCursor(body).Path(), path);
-    return !found;
-  });
-  return found;
-}
-
-bool SDatabaseFile::BodyHasAddress(std::string_view body,
-                                   std::string_view address) {
-  SSectionCursor cursor(body);
-  std::string_view text;
-  if (cursor.FindKey(kAddressKey)) {
-    while (cursor.NextValue(&text)) {
-      if (IsSameInLowerCase(text, address)) {
-        return true;
-      }
-    }
-  }
-  return false;
-}
-
-bool SDatabaseFile::Read(std::uint32_t id, SSection* section) {
-  std::string_view body;
-  return ReadBody(id, &body) && (section->Decode(body) || Damaged());
-}
-
-bool SDatabaseFile::ReadBody(std::uint32_t id, std::string_view* body) {
-  const SRecordPlace place =
-      id < index_.Sections() ? index_.Place(id) : SRecordPlace();
-  if (id < verified_.size() && verified_[id]) {
-    const char* record = kept_.get() + place.offset;
-    // All of a usual record is on its way while its beginning is looked at.
-    for (std::size_t ahead = kCacheLine; ahead <= 3 * kCacheLine;
-         ahead += kCacheLine) {
-      __builtin_prefetch(record + ahead);
-    }
-    *body = {record + kRecordBody, place.size - kRecordBody};
-    return true;
-  }
-  if (!place.IsSet()) {
-    errno = index_.IsDamaged() ? EBADMSG : ENOENT;
-    return false;
-  }
-  std::string_view record;
-  const bool is_possible =
-      place.size >= kSmallestRecord && place.offset + place.size <= end_;
-  if (is_possible && !ReadAt(place.offset, place.size, &record) &&
-      errno != EBADMSG) {
-    // What can't be read now may be sound all the same.
-    return false;
-  }
-  if (record.size() != place.size ||
-      Get32(record.data() + kRecordSize) != place.size ||
-      Get32(record.data() + kRecordId) != id ||
-      Get32(record.data()) != Crc32c(record.substr(kRecordSize))) {
-    damaged_ = true;
-    return Damaged();
-  }
-  if (record.data() == kept_.get() + place.offset) {
-    verified_.resize(std::max<std::size_t>(verified_.size(), id + 1));
-    verified_[id] = true;
-  }
-  *body = record.substr(kRecordBody);
-  return true;
-}
-
 void SDatabaseFile::SetPlace(std::uint32_t id, const SRecordPlace& place) {
   index_.SetPlace(id, place);
   if (id < verified_.size()) {
@@ -425,82 +323,11 @@ void SDatabaseFile::SetPlace(std::uint32_t id, const SRecordPlace& place) {
   }
 }
 
-// Stored records never change, so whole blocks of them are read once and kept.
-bool SDatabaseFile::ReadAt(std::uint64_t offset, std::uint64_t size,
-                           std::string_view* bytes) {
-  const std::uint64_t last = (offset + size - 1) / kBlockSize;
-  if (kept_ == nullptr) {
-    const std::uint64_t room =
-        std::min(kMostKept, std::max<std::uint64_t>(end_ * 4, 1U << 20));
-    const std::size_t rounded = room / kBlockSize * kBlockSize;
-    kept_ = MakeZeros(rounded);
-    kept_pages_.Reset(kept_);
-    if (kept_ != nullptr) {
-      kept_blocks_.assign(rounded / kBlockSize, false);
-    }
-  }
-  if ((last + 1) * kBlockSize <= end_ && last < kept_blocks_.size()) {
-    if (!LoadBlocks(offset, size)) {
-      return false;
-    }
-    *bytes = {kept_.get() + offset, size};
-    return true;
-  }
-  scratch_.resize(size);
-  if (!ReadWhole(fd_.Get(), scratch_.data(), size, offset)) {
-    return false;
-  }
-  *bytes = scratch_;
-  return true;
-}
-
-bool SDatabaseFile::LoadBlocks(std::uint64_t offset, std::uint64_t size) {
-  const std::uint64_t last = (offset + size - 1) / kBlockSize;
-  for (std::uint64_t block = offset / kBlockSize; block <= last; ++block) {
-    if (kept_blocks_[block]) {
-      continue;
-    }
-    const std::uint64_t at = block * kBlockSize;
-    // Who changes some sections mostly changes their neighbours, too.
-    const std::uint64_t ahead = at / kWriterReads * kWriterReads;
-    if (MayReadAhead(ahead) &&
-        ReadWhole(fd_.Get(), kept_.get() + ahead, kWriterReads, ahead)) {
-      Keep(ahead, kWriterReads);
-    } else if (ReadWhole(fd_.Get(), kept_.get() + at, kBlockSize, at)) {
-      Keep(at, kBlockSize);
-    } else {
-      return false;
-    }
-  }
-  return true;
-}
-
-// Nothing that is kept is ever read again: it may have been verified.
-bool SDatabaseFile::MayReadAhead(std::uint64_t offset) const {
-  const auto first =
-      kept_blocks_.begin() + static_cast<std::ptrdiff_t>(offset / kBlockSize);
-  return writes_ && offset + kWriterReads <= end_ &&
-         offset + kWriterReads <= kept_blocks_.size() * kBlockSize &&
-         std::find(first, first + kWriterReads / kBlockSize, true) ==
-             first + kWriterReads / kBlockSize;
-}
-
-// Notes that the blocks are in memory.
-void SDatabaseFile::Keep(std::uint64_t offset, std::uint64_t size) {
-  for (std::uint64_t at = offset; at < offset + size; at += kBlockSize) {
-    if (!kept_blocks_[at / kBlockSize]) {
-      kept_blocks_[at / kBlockSize] = true;
-      kept_pages_.Filled(at);
-    }
-  }
-}
-
 // Closes without storing anything.
 void SDatabaseFile::Forget() {
   RemoveUnfinished();
   fd_ = SDescriptor();
-  kept_.reset();
-  kept_blocks_.clear();
+  stored_.Forget();
   verified_.clear();
   index_.Clear();
   writes_ = false;
@@ -514,17 +341,4 @@ void SDatabaseFile::Forget() {
   hashed_path_.clear();
   ++generation_;
   ++removals_;
-}
-
-// A section that was looked for is often the next to be stored.
-std::uint32_t SDatabaseFile::HashOfPath(std::string_view path) {
-  if (path.empty() || path != hashed_path_) {
-    hashed_path_ = path;
-    hash_ = HashOfText(SLowerCaseText(path).View(), salt_);
-  }
-  return hash_;
-}
-
-std::uint32_t SDatabaseFile::HashOfAddress(std::string_view address) const {
-  return HashOfText(address, ~salt_);
 }

@@ -11,7 +11,7 @@
 #include "toolkit/Files.h"
 #include "toolkit/database/Index.h"
 #include "toolkit/database/Section.h"
-#include "toolkit/database/Zeros.h"
+#include "toolkit/database/StoredBytes.h"
 
 /// One database file: sections found by path and by address, each change one
 /// record appended in one write.  docs/database.md tells layout and reasons.
@@ -125,12 +125,10 @@ class SDatabaseFile {
   void EnterAddresses(std::uint32_t id, std::string_view body);
   void SetPlace(std::uint32_t id, const SRecordPlace& place);
   bool WasReplaced();
-  bool ReadAt(std::uint64_t offset, std::uint64_t size,
-              std::string_view* bytes);
-  bool LoadBlocks(std::uint64_t offset, std::uint64_t size);
-  [[nodiscard]] bool MayReadAhead(std::uint64_t offset) const;
-  void Keep(std::uint64_t offset, std::uint64_t size);
   void Forget();
+  static bool Damaged();
+
+  // DatabaseLookUp.cc
   [[nodiscard]] std::uint32_t HashOfPath(std::string_view path);
   [[nodiscard]] std::uint32_t HashOfAddress(std::string_view address) const;
   [[nodiscard]] static bool BodyHasAddress(std::string_view body,
@@ -178,12 +176,9 @@ class SDatabaseFile {
   bool replaced_ = false;
   std::int64_t looked_at_path_ = 0;
 
-  // Reading: whole blocks of stored records never change and are kept.
-  SZeros kept_;
-  SPageMerger kept_pages_;
-  std::vector<bool> kept_blocks_;
+  // Reading.
+  SStoredBytes stored_;
   std::vector<bool> verified_;  // sections whose records are kept and sound
-  std::string scratch_;
   std::string hashed_path_;
   std::uint32_t hash_ = 0;
 
