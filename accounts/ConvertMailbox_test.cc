@@ -17,6 +17,7 @@
 #include "accounts/SpoolFile.h"
 #include "driver/Settings.h"
 #include "toolkit/Environment.h"
+#include "toolkit/ScratchDirectory.h"
 
 namespace {
 
@@ -24,24 +25,20 @@ namespace fs = std::filesystem;
 
 class ConvertMailboxTest : public testing::Test {
  protected:
-  ConvertMailboxTest() : directory_("/dev/shm/convertXXXXXX") {
-    EXPECT_NE(nullptr, mkdtemp(directory_.data()));
-    fs::create_directories(directory_ + "/mailboxes");
-    PutEnv("Vellumcraft", directory_.c_str());
-    gstr_MailboxDir = (directory_ + "/mailboxes/").c_str();
+  ConvertMailboxTest() {
+    fs::create_directory(home_.Path("mailboxes"));
+    PutEnv("Vellumcraft", SString(home_.Directory()));
+    gstr_MailboxDir = SString(home_.Path("mailboxes/"));
     gstr_HostName = "mail.example.com";
   }
-  ~ConvertMailboxTest() override { fs::remove_all(directory_); }
-  ConvertMailboxTest(const ConvertMailboxTest&) = delete;
-  ConvertMailboxTest& operator=(const ConvertMailboxTest&) = delete;
 
-  [[nodiscard]] std::string Spool() const { return directory_ + "/ann"; }
+  [[nodiscard]] std::string Spool() const { return home_.Path("ann"); }
   [[nodiscard]] std::string In() const {
-    return directory_ + "/mailboxes/Ann/in";
+    return home_.Path("mailboxes/Ann/in");
   }
 
   void WriteSpool(const std::string& content) const {
-    std::ofstream(Spool(), std::ios::binary) << content;
+    WriteFile(Spool(), content);
   }
 
   // What is printed; `result_` is what was returned.
@@ -55,9 +52,7 @@ class ConvertMailboxTest : public testing::Test {
   [[nodiscard]] std::vector<std::string> Messages() const {
     std::map<std::string, std::string> messages;
     for (const auto& entry : fs::directory_iterator(In())) {
-      std::ifstream in(entry.path(), std::ios::binary);
-      messages[entry.path().filename()] = {std::istreambuf_iterator<char>(in),
-                                           {}};
+      messages[entry.path().filename()] = ReadFile(entry.path());
     }
     std::vector<std::string> contents;
     for (const auto& [name, content] : messages) {
@@ -70,7 +65,7 @@ class ConvertMailboxTest : public testing::Test {
   [[nodiscard]] std::vector<std::string> Beside() const {
     std::vector<std::string> names;
     for (const auto& entry :
-         fs::directory_iterator(directory_ + "/mailboxes/Ann")) {
+         fs::directory_iterator(home_.Path("mailboxes/Ann"))) {
       names.push_back(entry.path().filename());
     }
     std::sort(names.begin(), names.end());
@@ -79,13 +74,12 @@ class ConvertMailboxTest : public testing::Test {
 
   // Nothing but the spool is left, and it is as it was.
   void ExpectUntouched(const std::string& content) const {
-    std::ifstream in(Spool(), std::ios::binary);
-    EXPECT_EQ(content, std::string(std::istreambuf_iterator<char>(in), {}));
-    EXPECT_FALSE(fs::exists(directory_ + "/mailboxes/Ann"));
+    EXPECT_EQ(content, ReadFile(Spool()));
+    EXPECT_FALSE(fs::exists(home_.Path("mailboxes/Ann")));
     EXPECT_FALSE(fs::exists(Spool() + ".lock"));
   }
 
-  std::string directory_;
+  const ScratchDirectory home_{MemoryDirectory()};
   bool result_ = false;
 };
 
@@ -145,13 +139,13 @@ TEST_F(ConvertMailboxTest, LinksAndOtherKindsOfFilesAreRefused) {
       {"mkfifo ann", "22"},
   };
   for (const auto& one : kCases) {
-    ASSERT_EQ(0, std::system(("cd '" + directory_ +
+    ASSERT_EQ(0, std::system(("cd '" + home_.Directory() +
                               "'; rm -rf ann target other; " + one.command)
                                  .c_str()));
     EXPECT_EQ("Error: Couldn't open " + Spool() + " (" + one.cause + ")\n",
               Convert());
     EXPECT_FALSE(result_);
-    EXPECT_TRUE(fs::is_empty(directory_ + "/mailboxes"));
+    EXPECT_TRUE(fs::is_empty(home_.Path("mailboxes")));
     EXPECT_FALSE(fs::exists(Spool() + ".lock"));
   }
 }
@@ -212,7 +206,7 @@ TEST_F(ConvertMailboxTest, ASpoolThatGoesWhileItIsLockedLeavesNothingToDo) {
   EXPECT_EQ("", Convert());
   EXPECT_TRUE(result_);
   EXPECT_EQ(agent, waitpid(agent, nullptr, 0));
-  EXPECT_TRUE(fs::is_empty(directory_ + "/mailboxes"));
+  EXPECT_TRUE(fs::is_empty(home_.Path("mailboxes")));
   EXPECT_FALSE(fs::exists(Spool() + ".lock"));
 }
 
@@ -235,8 +229,7 @@ TEST_F(ConvertMailboxTest, WhatCameUpToTheRemovalCanBePutBack) {
       WriteSpool(next);
     }
     EXPECT_TRUE(spool.PutBack());
-    std::ifstream in(Spool(), std::ios::binary);
-    EXPECT_EQ(next + late, std::string(std::istreambuf_iterator<char>(in), {}));
+    EXPECT_EQ(next + late, ReadFile(Spool()));
     struct stat status = {};
     ASSERT_EQ(0, stat(Spool().c_str(), &status));
     if (next.empty()) {
@@ -382,7 +375,7 @@ TEST_F(ConvertMailboxTest, WhatCannotBeMovedKeepsTheSpool) {
 
 TEST_F(ConvertMailboxTest, WhatIsNoDirectoryIsNoMailbox) {
   WriteSpool("From a\nhi\n");
-  fs::create_directories(directory_ + "/mailboxes/Ann");
+  fs::create_directories(home_.Path("mailboxes/Ann"));
   fs::create_symlink("nowhere", In());
   EXPECT_EQ("Error: Couldn't create " + In() + " (17)\n", Convert());
   EXPECT_FALSE(result_);
@@ -419,11 +412,11 @@ TEST_F(ConvertMailboxTest, MailDeliveredMeanwhileIsJoined) {
 
 TEST_F(ConvertMailboxTest, MissingLevelsAreMadeAndTheMailboxDirectoryIsNot) {
   WriteSpool("From a\nhi\n");
-  fs::remove_all(directory_ + "/mailboxes");
+  fs::remove_all(home_.Path("mailboxes"));
   EXPECT_EQ("Error: Couldn't create " + In() + " (2)\n", Convert());
   EXPECT_FALSE(result_);
   ExpectUntouched("From a\nhi\n");
-  EXPECT_FALSE(fs::exists(directory_ + "/mailboxes"));
+  EXPECT_FALSE(fs::exists(home_.Path("mailboxes")));
 }
 
 TEST_F(ConvertMailboxTest, EveryOneOfManyMessagesIsThereOnce) {

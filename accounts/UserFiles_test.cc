@@ -5,42 +5,36 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 #include "driver/Settings.h"
+#include "toolkit/ScratchDirectory.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
 class UserFilesTest : public testing::Test {
  protected:
-  UserFilesTest() : home_(testing::TempDir() + "/homeXXXXXX") {
-    EXPECT_NE(nullptr, mkdtemp(home_.data()));
+  UserFilesTest() {
     gstr_HostName = "mail.example.com";
-    user_.project = (home_ + "/.project").c_str();
-    user_.plan = (home_ + "/.plan").c_str();
-    user_.forward = (home_ + "/.forward").c_str();
+    user_.project = SString(home_.Path(".project"));
+    user_.plan = SString(home_.Path(".plan"));
+    user_.forward = SString(home_.Path(".forward"));
   }
-  ~UserFilesTest() override { fs::remove_all(home_); }
-  UserFilesTest(const UserFilesTest&) = delete;
-  UserFilesTest& operator=(const UserFilesTest&) = delete;
 
   void Write(const char* name, const std::string& content) const {
-    std::ofstream(home_ + "/" + name, std::ios::binary) << content;
+    WriteFile(home_.Path(name), content);
   }
   [[nodiscard]] std::string ContentOf(const char* name) const {
-    std::ifstream in(home_ + "/" + name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return ReadFile(home_.Path(name));
   }
   [[nodiscard]] std::string FingerLines() const {
     return ReadFingerLines(user_).Join("|").Std();
   }
   void Shell(const char* command) const {
-    ASSERT_EQ(0, std::system(("cd '" + home_ + "'; " + command).c_str()));
+    ASSERT_EQ(
+        0, std::system(("cd '" + home_.Directory() + "'; " + command).c_str()));
   }
 
-  std::string home_;
+  const ScratchDirectory home_;
   SCandidate user_;
 };
 
@@ -94,7 +88,7 @@ TEST_F(UserFilesTest, TheNoticeIsSixtyColumnsWideAndLeftOnce) {
 TEST_F(UserFilesTest, TheNoticeFollowsNoLink) {
   Shell("ln -s elsewhere .forward.NOTICE");
   LeaveForwardNotice(user_);
-  EXPECT_FALSE(fs::exists(home_ + "/elsewhere"));
+  EXPECT_FALSE(std::filesystem::exists(home_.Path("elsewhere")));
 }
 
 }  // namespace

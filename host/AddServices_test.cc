@@ -2,11 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 #include "driver/Settings.h"
+#include "toolkit/ScratchDirectory.h"
 
 namespace {
 
@@ -20,26 +19,20 @@ constexpr const char* kBlock =
 
 class AddServicesTest : public testing::Test {
  protected:
-  AddServicesTest() : directory_(testing::TempDir() + "/servicesXXXXXX") {
-    EXPECT_NE(nullptr, mkdtemp(directory_.data()));
-    gstr_ServicesFile = SString((directory_ + "/services").c_str());
-  }
-  ~AddServicesTest() override { std::filesystem::remove_all(directory_); }
-  AddServicesTest(const AddServicesTest&) = delete;
-  AddServicesTest& operator=(const AddServicesTest&) = delete;
+  AddServicesTest() { gstr_ServicesFile = SString(path_); }
 
   // The file after two entries were added to `content`.
   [[nodiscard]] std::string Updated(const std::string& content) const {
-    std::ofstream(directory_ + "/services") << content;
+    WriteFile(path_, content);
     SStringList entries = "smtp       25/tcp";
     entries.Push("finger     79/tcp");
     EXPECT_TRUE(UpdateServicesFile(entries));
-    std::ifstream in(directory_ + "/services");
-    return {std::istreambuf_iterator<char>(in), {}};
+    return ReadFile(path_);
   }
 
  private:
-  std::string directory_;
+  const ScratchDirectory directory_;
+  const std::string path_ = directory_.Path("services");
 };
 
 TEST_F(AddServicesTest, TheBlockFollowsTheLeadingComments) {

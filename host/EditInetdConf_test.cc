@@ -2,36 +2,29 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 #include "driver/Settings.h"
+#include "toolkit/ScratchDirectory.h"
 
 namespace {
 
 class EditInetdConfTest : public testing::Test {
  protected:
-  EditInetdConfTest() : directory_(testing::TempDir() + "/inetdXXXXXX") {
-    EXPECT_NE(nullptr, mkdtemp(directory_.data()));
-    gstr_InetdConf = SString((directory_ + "/inetd.conf").c_str());
-  }
-  ~EditInetdConfTest() override { std::filesystem::remove_all(directory_); }
-  EditInetdConfTest(const EditInetdConfTest&) = delete;
-  EditInetdConfTest& operator=(const EditInetdConfTest&) = delete;
+  EditInetdConfTest() { gstr_InetdConf = SString(path_); }
 
   // The file after "smtp" and "pop-3" were disabled in `content`.
   [[nodiscard]] std::string Updated(const std::string& content) const {
-    std::ofstream(directory_ + "/inetd.conf") << content;
+    WriteFile(path_, content);
     SStringList services = "smtp";
     services.Push("pop-3");
     EXPECT_TRUE(UpdateInetdConf(services));
-    std::ifstream in(directory_ + "/inetd.conf");
-    return {std::istreambuf_iterator<char>(in), {}};
+    return ReadFile(path_);
   }
 
  private:
-  std::string directory_;
+  const ScratchDirectory directory_;
+  const std::string path_ = directory_.Path("inetd.conf");
 };
 
 TEST_F(EditInetdConfTest, LinesOfTheServicesAreCommentedOut) {

@@ -8,12 +8,11 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "driver/Interrupts.h"
+#include "toolkit/ScratchDirectory.h"
 
 namespace {
 
@@ -21,23 +20,19 @@ namespace fs = std::filesystem;
 
 class RewriteHostFileTest : public testing::Test {
  protected:
-  RewriteHostFileTest() : directory_(MakeDirectory()) {
+  RewriteHostFileTest() {
     umask(007);
     Write("conf", "one\ntwo\n");
   }
-  ~RewriteHostFileTest() override { fs::remove_all(directory_); }
-  RewriteHostFileTest(const RewriteHostFileTest&) = delete;
-  RewriteHostFileTest& operator=(const RewriteHostFileTest&) = delete;
 
   [[nodiscard]] SString Path(const std::string& name) const {
     return SString((directory_ / name).c_str());
   }
   void Write(const std::string& name, const std::string& content) const {
-    std::ofstream(directory_ / name) << content;
+    WriteFile(directory_ / name, content);
   }
   [[nodiscard]] std::string Read(const std::string& name) const {
-    std::ifstream in(directory_ / name);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return ReadFile(directory_ / name);
   }
   [[nodiscard]] struct stat Status(const std::string& name) const {
     struct stat status = {};
@@ -56,14 +51,8 @@ class RewriteHostFileTest : public testing::Test {
     });
   }
 
-  fs::path directory_;
-
- private:
-  static std::string MakeDirectory() {
-    std::string name = testing::TempDir() + "/rewriteXXXXXX";
-    EXPECT_NE(nullptr, mkdtemp(name.data()));
-    return name;
-  }
+  const ScratchDirectory scratch_;
+  const fs::path directory_ = scratch_.Directory();
 };
 
 TEST_F(RewriteHostFileTest, GivesEveryLineAndStoresWhatIsMadeOfThem) {

@@ -10,21 +10,15 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 
+#include "toolkit/ScratchDirectory.h"
 #include "toolkit/Signals.h"
 
 namespace {
 
 class FilesTest : public testing::Test {
  protected:
-  FilesTest() {
-    char name[] = "/tmp/files_test.XXXXXX";
-    directory_ = SString(mkdtemp(name)) + "/";
-  }
-  ~FilesTest() override { std::filesystem::remove_all(directory_.Std()); }
-
   SString Path(const char* name) const { return directory_ + name; }
   SString Make(const char* name, std::string_view content,
                mode_t mode = 0644) const {
@@ -35,7 +29,8 @@ class FilesTest : public testing::Test {
     return Path(name);
   }
 
-  SString directory_;
+  const ScratchDirectory scratch_;
+  const SString directory_ = SString(scratch_.Directory()) + "/";
 };
 
 TEST_F(FilesTest, ARenameToAFreeNameReplacesNothing) {

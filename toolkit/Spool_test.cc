@@ -5,27 +5,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 
 #include "toolkit/Environment.h"
 #include "toolkit/Files.h"
+#include "toolkit/ScratchDirectory.h"
 
 namespace {
 
 class SpoolTest : public testing::Test {
  protected:
   SpoolTest() : former_mask_(umask(07)) {
-    char name[] = "/tmp/spool_test.XXXXXX";
-    home_ = mkdtemp(name);
     PutEnv("Vellumcraft", home_);
     std::filesystem::create_directory((home_ + "/control").Std());
     std::filesystem::create_directory((home_ + "/messages").Std());
   }
-  ~SpoolTest() override {
-    std::filesystem::remove_all(home_.Std());
-    umask(former_mask_);
-  }
+  ~SpoolTest() override { umask(former_mask_); }
 
   static mode_t ModeOf(const SString& path) {
     struct stat status = {};
@@ -43,7 +38,8 @@ class SpoolTest : public testing::Test {
     return control;
   }
 
-  SString home_;
+  const ScratchDirectory scratch_;
+  const SString home_{scratch_.Directory()};
   mode_t former_mask_;
 };
 

@@ -4,9 +4,9 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 
+#include "toolkit/ScratchDirectory.h"
 #include "toolkit/database/Bytes.h"
 #include "toolkit/database/Crc32c.h"
 #include "toolkit/database/Section.h"
@@ -18,18 +18,6 @@ using database_format::RecordType;
 
 class CheckDatabaseTest : public testing::Test {
  protected:
-  CheckDatabaseTest() : directory_(testing::TempDir() + "/checkXXXXXX") {
-    EXPECT_NE(nullptr, mkdtemp(directory_.data()));
-    path_ = directory_ + "/database";
-  }
-  ~CheckDatabaseTest() override { std::filesystem::remove_all(directory_); }
-  CheckDatabaseTest(const CheckDatabaseTest&) = delete;
-  CheckDatabaseTest& operator=(const CheckDatabaseTest&) = delete;
-
-  [[nodiscard]] std::string Content() const {
-    std::ifstream in(path_, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
   // A database with the section "/a".
   void Make() const {
     SDatabaseFile file;
@@ -64,7 +52,7 @@ class CheckDatabaseTest : public testing::Test {
   void ChangeIndex(
       Words words,
       const std::function<void(std::uint64_t, std::uint64_t*)>& change) const {
-    std::string bytes = Content();
+    std::string bytes = ReadFile(path_);
     using namespace database_format;
     std::size_t at = kHeadSize;
     while (Get32(bytes.data() + at + kRecordType) !=
@@ -88,12 +76,12 @@ class CheckDatabaseTest : public testing::Test {
             Crc32c({start, kBlockSize - 8},
                    Get32(head) + static_cast<std::uint32_t>(block)));
     }
-    std::ofstream(path_, std::ios::binary) << bytes;
+    WriteFile(path_, bytes);
   }
   // Adds a record with right checksums behind what is known to be on disk.
   void AppendRecord(RecordType type, std::uint32_t id,
                     std::string_view body) const {
-    std::string bytes = Content();
+    std::string bytes = ReadFile(path_);
     std::size_t last = database_format::kHeadSize;
     std::size_t end = last;
     while (end < bytes.size() && Get32(bytes.data() + end + 4) != 0) {
@@ -106,7 +94,7 @@ class CheckDatabaseTest : public testing::Test {
     record.resize(database_format::kRecordBody);
     record += body;
     FinishRecord(0, &record);
-    std::ofstream(path_, std::ios::binary) << bytes << record;
+    WriteFile(path_, bytes + record);
   }
   [[nodiscard]] std::string Problem() const {
     std::string problem;
@@ -115,8 +103,8 @@ class CheckDatabaseTest : public testing::Test {
     return problem;
   }
 
-  std::string directory_;
-  std::string path_;
+  const ScratchDirectory directory_;
+  const std::string path_ = directory_.Path("database");
 };
 
 TEST_F(CheckDatabaseTest, ASoundRecordBehindTheSyncedEndIsSound) {
@@ -217,13 +205,13 @@ TEST_F(CheckDatabaseTest, AWrongWordUnderARightChecksumOfTheIndexIsFound) {
 
 TEST_F(CheckDatabaseTest, AFlippedBitInTheIndexIsDamageAndNotAMiss) {
   MakeWithIndex();
-  std::string bytes = Content();
+  std::string bytes = ReadFile(path_);
   // All blocks of slots lie at the end of the file.
   for (std::size_t at = bytes.size() - 20 * database_format::kBlockSize;
        at < bytes.size(); at += database_format::kBlockSize) {
     bytes[at] = static_cast<char>(bytes[at] ^ 1);
   }
-  std::ofstream(path_, std::ios::binary) << bytes;
+  WriteFile(path_, bytes);
   EXPECT_NE(std::string::npos, Problem().find("wrong checksum"));
   SDatabaseFile file;
   ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kWrite));
@@ -245,9 +233,9 @@ TEST_F(CheckDatabaseTest, AFlippedBitInTheIndexIsDamageAndNotAMiss) {
 
 TEST_F(CheckDatabaseTest, ClosingSaysThatDamageWasFoundAndKeepsWhatWasStored) {
   MakeWithIndex();
-  std::string bytes = Content();
+  std::string bytes = ReadFile(path_);
   bytes[bytes.find("Ann@/User-77")] = '!';
-  std::ofstream(path_, std::ios::binary) << bytes;
+  WriteFile(path_, bytes);
   SDatabaseFile file;
   ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kWrite));
   std::uint32_t id = SDatabaseFile::kNone;
@@ -267,14 +255,15 @@ TEST_F(CheckDatabaseTest, ARecordDamagedMeanwhileIsNotCompactedAway) {
   Make();
   SDatabaseFile file;
   ASSERT_TRUE(file.Open(path_, SDatabaseFile::Access::kWrite));
-  std::string bytes = Content();
+  std::string bytes = ReadFile(path_);
   bytes[bytes.find("/a")] = '!';
-  std::ofstream(path_, std::ios::binary) << bytes;
+  WriteFile(path_, bytes);
   EXPECT_FALSE(file.Compact());
   EXPECT_EQ(EBADMSG, errno);
   EXPECT_FALSE(file.Close());
-  EXPECT_EQ(1,
-            std::distance(std::filesystem::directory_iterator(directory_), {}));
+  EXPECT_EQ(
+      1, std::distance(
+             std::filesystem::directory_iterator(directory_.Directory()), {}));
 }
 
 TEST_F(CheckDatabaseTest, ARecordThatIsTooBigIsRefused) {

@@ -3,10 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
+#include "toolkit/ScratchDirectory.h"
 #include "toolkit/database/Bytes.h"
 #include "toolkit/database/CheckDatabase.h"
 #include "toolkit/database/Crc32c.h"
@@ -90,17 +89,6 @@ SSection Account(const char* path) {
 
 class ForgedDatabaseTest : public testing::Test {
  protected:
-  ForgedDatabaseTest() : directory_(testing::TempDir() + "/forgedXXXXXX") {
-    EXPECT_NE(nullptr, mkdtemp(directory_.data()));
-    path_ = directory_ + "/database";
-  }
-  ~ForgedDatabaseTest() override { std::filesystem::remove_all(directory_); }
-  ForgedDatabaseTest(const ForgedDatabaseTest&) = delete;
-  ForgedDatabaseTest& operator=(const ForgedDatabaseTest&) = delete;
-
-  void Write(const std::string& bytes) const {
-    std::ofstream(path_, std::ios::binary) << bytes;
-  }
   // What is wrong with the file; "errno N" when it can't be read.
   [[nodiscard]] std::string Problem() const {
     std::string problem;
@@ -120,8 +108,8 @@ class ForgedDatabaseTest : public testing::Test {
     return -1;
   }
 
-  std::string directory_;
-  std::string path_;
+  const ScratchDirectory directory_;
+  const std::string path_ = directory_.Path("database");
 };
 
 TEST_F(ForgedDatabaseTest, WhatIsWrongAndWhereIsTold) {
@@ -166,7 +154,7 @@ TEST_F(ForgedDatabaseTest, WhatIsWrongAndWhereIsTold) {
        "section 1 isn't found by its path", 2},
   };
   for (const auto& file : kFiles) {
-    Write(file.bytes);
+    WriteFile(path_, file.bytes);
     EXPECT_EQ(file.problem, Problem());
     EXPECT_EQ(file.sections, Sections()) << file.problem;
   }
@@ -189,7 +177,7 @@ TEST_F(ForgedDatabaseTest, BodiesThatAreNoSectionsAreFoundAndNeverRead) {
       {"bytes behind the keys", "\2/b\0garbage"s, 1},
   };
   for (const auto& body : kBodies) {
-    Write(Forgery().Add(RecordType::kSection, 0, body.body).Bytes());
+    WriteFile(path_, Forgery().Add(RecordType::kSection, 0, body.body).Bytes());
     EXPECT_EQ("record that holds no section at byte 1536", Problem())
         << body.what;
     EXPECT_EQ(body.sections, Sections()) << body.what;
@@ -214,7 +202,7 @@ TEST_F(ForgedDatabaseTest, WhatStandsBehindTheSyncedEndEndsAtTheFirstWrong) {
       begin().Unchain(),
   };
   for (Forgery wrong : kWrong) {
-    Write(wrong.AddSection(1, Account("/b")).Bytes(synced));
+    WriteFile(path_, wrong.AddSection(1, Account("/b")).Bytes(synced));
     EXPECT_EQ(1, Sections());
     EXPECT_EQ("", Problem());
   }
@@ -225,14 +213,14 @@ TEST_F(ForgedDatabaseTest, AnIndexCountsWhenAllOfItIsThere) {
   const std::uint64_t synced = forgery.End();
   const std::string head(kIndexHeadSize - kRecordBody, '\0');
   forgery.Add(RecordType::kIndex, 0, head, kBlockSize);
-  Write(forgery.Bytes(synced));
+  WriteFile(path_, forgery.Bytes(synced));
   SDatabaseFile reader;
   ASSERT_TRUE(reader.Open(path_, SDatabaseFile::Access::kRead));
   const std::uint64_t before = reader.Generation();
   ASSERT_TRUE(reader.Follow());
   EXPECT_EQ(before, reader.Generation());
   forgery.AddBytes(std::string(kBlockSize, '\0'));
-  Write(forgery.AddSection(1, Account("/b")).Bytes(synced));
+  WriteFile(path_, forgery.AddSection(1, Account("/b")).Bytes(synced));
   ASSERT_TRUE(reader.Follow());
   EXPECT_EQ(1U, reader.Find("/b")) << "it stands behind the index";
 }
@@ -240,7 +228,7 @@ TEST_F(ForgedDatabaseTest, AnIndexCountsWhenAllOfItIsThere) {
 TEST_F(ForgedDatabaseTest, AMarkThatNamesNoIndexIsRefused) {
   Forgery forgery = Forgery().AddSection(0, Account("/a"));
   for (const std::uint64_t index : {kHeadSize + 0UL, 1UL, 1UL << 40}) {
-    Write(forgery.Bytes(forgery.End(), index));
+    WriteFile(path_, forgery.Bytes(forgery.End(), index));
     EXPECT_EQ(-1, Sections()) << index;
     EXPECT_EQ("errno " + std::to_string(EBADMSG), Problem()) << index;
   }
@@ -249,7 +237,7 @@ TEST_F(ForgedDatabaseTest, AMarkThatNamesNoIndexIsRefused) {
   const std::string head(kIndexHeadSize - kRecordBody, '\0');
   forgery.Add(RecordType::kIndex, 0, head, kBlockSize);
   forgery.AddBytes(std::string(kBlockSize, '\0'));
-  Write(forgery.Bytes(forgery.End(), index));
+  WriteFile(path_, forgery.Bytes(forgery.End(), index));
   EXPECT_EQ(-1, Sections());
 }
 
@@ -269,7 +257,7 @@ TEST_F(ForgedDatabaseTest, AnIndexHiddenInAValueDoesNotHideAnAddress) {
       forgery.AddSection(1, section);
     }
   }
-  Write(forgery.Bytes(forgery.End(), forgery.End() - hidden.size()));
+  WriteFile(path_, forgery.Bytes(forgery.End(), forgery.End() - hidden.size()));
   EXPECT_EQ(1, Sections()) << "a reader takes it for the index";
   EXPECT_EQ("section 0 isn't found by its address Ann@x.org", Problem());
 }

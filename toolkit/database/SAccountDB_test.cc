@@ -5,37 +5,19 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
-#include "toolkit/Environment.h"
-#include "toolkit/database/DatabaseFile.h"
+#include "toolkit/database/ScratchHome.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-class SAccountDBTest : public testing::Test {
+class SAccountDBTest : public ScratchHome {
  protected:
-  SAccountDBTest() : home_(testing::TempDir() + "/accountsXXXXXX") {
-    EXPECT_NE(nullptr, mkdtemp(home_.data()));
-    fs::create_directory(home_ + "/config");
-    PutEnv("Vellumcraft", SString(std::string_view(home_)));
-  }
-  ~SAccountDBTest() override { fs::remove_all(home_); }
-  SAccountDBTest(const SAccountDBTest&) = delete;
-  SAccountDBTest& operator=(const SAccountDBTest&) = delete;
-
-  [[nodiscard]] std::string Path() const { return home_ + "/config/Accounts"; }
   static bool Make(SAccountDBMod& database, const char* uid) {
     SAccountMod account;
     return database.ModifyAccount(uid, &account) && account.Set("Name", uid) &&
            account.Set("SMTP-Address", SString(uid) + "@x.org") &&
            account.Lock();
   }
-
-  std::string home_;
 };
 
 TEST_F(SAccountDBTest, ACopyOfAnAccountKeepsWhatWasRead) {
@@ -154,7 +136,7 @@ TEST_F(SAccountDBTest, AFileThatIsNoDatabaseIsToldFromNone) {
   EXPECT_EQ(0, SAccountDB().AccountUIDCount());
   EXPECT_TRUE(SAccountDB().GetLocalMailDomains().IsEmpty());
   EXPECT_EQ("", SAccountDB().GetAccountUID(S821Address("ann@x.org")).Std());
-  std::ofstream(Path()) << "no database";
+  WriteFile(Path("Accounts"), "no database");
   SAccountDBMod database;
   EXPECT_EQ(EBADMSG, database.OpenError());
   EXPECT_FALSE(database.IsOpen());

@@ -8,38 +8,23 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
-#include "toolkit/Environment.h"
+#include "toolkit/database/ScratchHome.h"
 
 namespace {
 
-class SdbfileTest : public testing::Test {
+class SdbfileTest : public ScratchHome {
  protected:
-  SdbfileTest() : home_(testing::TempDir() + "/sdbfileXXXXXX") {
-    EXPECT_NE(nullptr, mkdtemp(home_.data()));
-    std::filesystem::create_directory(home_ + "/config");
-    PutEnv("Vellumcraft", SString(std::string_view(home_)));
-  }
-  ~SdbfileTest() override { std::filesystem::remove_all(home_); }
-  SdbfileTest(const SdbfileTest&) = delete;
-  SdbfileTest& operator=(const SdbfileTest&) = delete;
-
   // Changes one byte of the file where `text` stands, without a new file.
   void Damage(const char* text) const {
-    const std::string path = home_ + "/config/Dispatch";
-    std::ifstream in(path, std::ios::binary);
-    const std::string bytes(std::istreambuf_iterator<char>(in), {});
-    const std::size_t at = bytes.find(text);
+    const std::string path = Path("Dispatch");
+    const std::size_t at = ReadFile(path).find(text);
     ASSERT_NE(std::string::npos, at);
     const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
     EXPECT_EQ(1, pwrite(fd, "!", 1, static_cast<off_t>(at)));
     close(fd);
   }
-
-  std::string home_;
 };
 
 TEST_F(SdbfileTest,
@@ -56,7 +41,7 @@ TEST_F(SdbfileTest,
     EXPECT_FALSE(file.Open(section, 1)) << section;
     EXPECT_EQ(EINVAL, errno) << section;
   }
-  EXPECT_TRUE(std::filesystem::is_empty(home_ + "/config"));
+  EXPECT_TRUE(std::filesystem::is_empty(Config()));
 }
 
 TEST_F(SdbfileTest, AKeyNeedsANameAndASectionOpenForWriting) {

@@ -19,14 +19,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <random>
 #include <vector>
 
-#include "toolkit/Environment.h"
 #include "toolkit/database/CheckDatabase.h"
 #include "toolkit/database/SAccountDB.h"
+#include "toolkit/database/ScratchHome.h"
 #include "toolkit/database/Sdbfile.h"
 #include "toolkit/database/TextForm.h"
 
@@ -52,29 +51,19 @@ pid_t Fork() {
   return child;
 }
 
-class DatabaseFaultsTest : public ::testing::Test {
+class DatabaseFaultsTest : public ScratchHome {
  protected:
-  void SetUp() override {
-    // Memory, where there is some: it is no disk that fails here.
-    std::string pattern =
-        (access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ::testing::TempDir()) +
-        std::string("/faultsXXXXXX");
-    home_ = mkdtemp(pattern.data());
-    chmod(home_.c_str(), 0755);
-    MakeEmpty();
-    PutEnv("Vellumcraft", SString(std::string_view(home_)));
+  // It is no disk that fails here.
+  DatabaseFaultsTest() : ScratchHome(MemoryDirectory()) {
+    chmod(Home().c_str(), 0755);
     done_ =
         static_cast<volatile int*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE,
                                         MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   }
-  void TearDown() override { fs::remove_all(home_); }
 
   void MakeEmpty() {
-    fs::remove_all(home_ + "/config");
-    fs::create_directory(home_ + "/config");
-  }
-  [[nodiscard]] std::string Path(const char* name) const {
-    return home_ + "/config/" + name;
+    fs::remove_all(Config());
+    fs::create_directory(Config());
   }
   // The database as text; "missing" or "refused" when it can't be read.
   static std::string Text(const std::string& path) {
@@ -119,7 +108,6 @@ class DatabaseFaultsTest : public ::testing::Test {
     return false;
   }
 
-  std::string home_;
   volatile int* done_ = nullptr;
 };
 
@@ -212,7 +200,7 @@ TEST_F(DatabaseFaultsTest, AWriterKilledAtAnySystemCallLeavesAWholeState) {
       ASSERT_TRUE(Change("Next", "x")(next));
       ASSERT_TRUE(next.CloseDB());
     }
-    ASSERT_EQ(1, std::distance(fs::directory_iterator(home_ + "/config"), {}))
+    ASSERT_EQ(1, std::distance(fs::directory_iterator(Config()), {}))
         << "nothing stays beside it";
     SAccountDB reader;
     ASSERT_EQ("Next", reader.GetAccountUID(S821Address("next@x.org")).Std());
@@ -230,12 +218,11 @@ TEST_F(DatabaseFaultsTest, AnOpenLogDamagedAnywhereIsAnOldStateOrRefused) {
       ASSERT_TRUE(file.Set("Key", SString(i)));
       states.push_back(Text(Path("Dispatch")));
     }
-    std::ifstream in(Path("Dispatch"), std::ios::binary);
-    bytes.assign(std::istreambuf_iterator<char>(in), {});
+    bytes = ReadFile(Path("Dispatch"));
     bytes.resize(2048);
   }
   const auto judge = [&](const std::string& content, std::size_t where) {
-    std::ofstream(Path("Copy"), std::ios::binary) << content;
+    WriteFile(Path("Copy"), content);
     const std::string text = Text(Path("Copy"));
     ASSERT_TRUE(text == "refused" ||
                 std::count(states.begin(), states.end(), text) == 1)
@@ -250,7 +237,7 @@ TEST_F(DatabaseFaultsTest, AnOpenLogDamagedAnywhereIsAnOldStateOrRefused) {
 }
 
 TEST_F(DatabaseFaultsTest, AFullDiskFailsTheStoreAndChangesNothing) {
-  const std::string directory = home_ + "/config";
+  const std::string directory = Config();
   const auto mount_small_disk = [&] {
     return unshare(CLONE_NEWNS) == 0 &&
            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&

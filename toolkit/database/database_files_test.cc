@@ -18,12 +18,12 @@
 #include <thread>
 #include <vector>
 
-#include "toolkit/Environment.h"
 #include "toolkit/database/Bytes.h"
 #include "toolkit/database/CheckDatabase.h"
 #include "toolkit/database/Crc32c.h"
 #include "toolkit/database/Format.h"
 #include "toolkit/database/SAccountDB.h"
+#include "toolkit/database/ScratchHome.h"
 #include "toolkit/database/Sdbfile.h"
 #include "toolkit/database/TextForm.h"
 
@@ -80,25 +80,10 @@ std::uint64_t BytesRead() {
   return name == "rchar:" ? bytes : 0;
 }
 
-class DatabaseFilesTest : public ::testing::Test {
+class DatabaseFilesTest : public ScratchHome {
  protected:
-  void SetUp() override {
-    std::string pattern =
-        (access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ::testing::TempDir()) +
-        std::string("/filesXXXXXX");
-    home_ = mkdtemp(pattern.data());
-    fs::create_directory(home_ + "/config");
-    PutEnv("Vellumcraft", SString(std::string_view(home_)));
-  }
-  void TearDown() override { fs::remove_all(home_); }
+  DatabaseFilesTest() : ScratchHome(MemoryDirectory()) {}
 
-  [[nodiscard]] std::string Path(const std::string& name) const {
-    return home_ + "/config/" + name;
-  }
-  static std::string Content(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
   static std::string Text(const std::string& path) {
     SDatabaseFile file;
     std::string text;
@@ -139,13 +124,11 @@ class DatabaseFilesTest : public ::testing::Test {
     EXPECT_FALSE(database.GetAccountInfo("Nobody-of-that-name"));
     return BytesRead() - before;
   }
-
-  std::string home_;
 };
 
 TEST_F(DatabaseFilesTest, TheBytesAreThoseOfThePageOnEveryArchitecture) {
   const std::string example = ExampleBytes();
-  std::ofstream(Path("Example"), std::ios::binary) << example;
+  WriteFile(Path("Example"), example);
   EXPECT_EQ(kExampleText, Text(Path("Example")));
   std::string problem;
   EXPECT_TRUE(CheckDatabase(Path("Example"), &problem)) << problem;
@@ -160,7 +143,7 @@ TEST_F(DatabaseFilesTest, TheBytesAreThoseOfThePageOnEveryArchitecture) {
     ASSERT_TRUE(file.Begin(Path("Made")) && file.Store(section, &id) &&
                 file.Install(nullptr) && file.Close());
   }
-  std::string made = Content(Path("Made"));
+  std::string made = ReadFile(Path("Made"));
   ASSERT_EQ(kExampleSize, made.size());
   EXPECT_NE(Get64(example.data() + kHeadSalt), Get64(made.data() + kHeadSalt));
   Put64(made.data() + kHeadSalt, Get64(example.data() + kHeadSalt));
@@ -175,13 +158,13 @@ TEST_F(DatabaseFilesTest, TheBytesAreThoseOfThePageOnEveryArchitecture) {
 
 TEST_F(DatabaseFilesTest, AChangeOfTheExampleAppendsOneRecordAndOneMark) {
   const std::string example = ExampleBytes();
-  std::ofstream(Path("Example"), std::ios::binary) << example;
+  WriteFile(Path("Example"), example);
   {
     Sdbfile file("Example", 0, "Vellumcraft");
     ASSERT_TRUE(file.Open("/Config", 1) && file.Set("EmailConfig", "no") &&
                 file.CloseDB());
   }
-  const std::string changed = Content(Path("Example"));
+  const std::string changed = ReadFile(Path("Example"));
   ASSERT_EQ(kExampleSize + 0x38, changed.size());
   EXPECT_TRUE(changed.substr(0, kSectorSize) == example.substr(0, kSectorSize));
   EXPECT_TRUE(changed.substr(2 * kSectorSize, kExampleSize - 2 * kSectorSize) ==
@@ -196,7 +179,7 @@ TEST_F(DatabaseFilesTest, ACopyAndARenamedFileAreTheDatabase) {
   ASSERT_TRUE(MakeAccounts(0, 3000));
   const std::string text = Text(Path("Accounts"));
   fs::copy_file(Path("Accounts"), Path("Copy"));
-  EXPECT_TRUE(Content(Path("Accounts")) == Content(Path("Copy")));
+  EXPECT_TRUE(ReadFile(Path("Accounts")) == ReadFile(Path("Copy")));
   EXPECT_TRUE(Text(Path("Copy")) == text);
   fs::rename(Path("Accounts"), Path("Away"));
   fs::rename(Path("Copy"), Path("Accounts"));
@@ -255,9 +238,9 @@ TEST_F(DatabaseFilesTest, AnIndexOfWhichOnlyTheHeadIsOnDiskIsTheEndOfTheLog) {
     ASSERT_TRUE(MakeAccount(writer, Numbered("User-", i)));
   }
   ASSERT_TRUE(writer.SyncDB());
-  const std::string before = Content(Path("Accounts"));
+  const std::string before = ReadFile(Path("Accounts"));
   ASSERT_TRUE(writer.CloseDB());
-  std::string torn = Content(Path("Accounts"));
+  std::string torn = ReadFile(Path("Accounts"));
   const auto index = std::max(Get64(&torn[kSectorSize + kMarkIndex]),
                               Get64(&torn[2 * kSectorSize + kMarkIndex]));
   ASSERT_GT(index, kHeadSize);
@@ -265,7 +248,7 @@ TEST_F(DatabaseFilesTest, AnIndexOfWhichOnlyTheHeadIsOnDiskIsTheEndOfTheLog) {
   torn.replace(0, kHeadSize, before, 0, kHeadSize);
   std::fill(torn.begin() + static_cast<std::ptrdiff_t>(index + kIndexHeadSize),
             torn.end(), '\0');
-  std::ofstream(Path("Accounts"), std::ios::binary) << torn;
+  WriteFile(Path("Accounts"), torn);
 
   EXPECT_TRUE(SAccountDB().GetAccountInfo("User-2999"));
   ASSERT_TRUE(MakeAccounts(3000, 3001));
@@ -302,7 +285,7 @@ TEST_F(DatabaseFilesTest, ProcessesThatRaceToMakeTheFileLoseNothing) {
     }
     ASSERT_EQ(kProcesses, SAccountDB().AccountUIDCount())
         << Text(Path("Accounts"));
-    ASSERT_EQ(1, std::distance(fs::directory_iterator(home_ + "/config"), {}));
+    ASSERT_EQ(1, std::distance(fs::directory_iterator(Config()), {}));
   }
 }
 

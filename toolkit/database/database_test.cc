@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
 #include <set>
@@ -15,6 +13,7 @@
 #include "toolkit/database/Crc32c.h"
 #include "toolkit/database/Format.h"
 #include "toolkit/database/SAccountDB.h"
+#include "toolkit/database/ScratchHome.h"
 #include "toolkit/database/Sdbfile.h"
 
 namespace {
@@ -34,29 +33,10 @@ std::string Numbered(std::string text, unsigned long number) {
   return text;
 }
 
-class DatabaseTest : public ::testing::Test {
+class DatabaseTest : public ScratchHome {
  protected:
-  void SetUp() override {
-    std::string pattern =
-        (access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ::testing::TempDir()) +
-        std::string("/databaseXXXXXX");
-    home_ = mkdtemp(pattern.data());
-    fs::create_directory(home_ + "/config");
-    PutEnv("Vellumcraft", SString(std::string_view(home_)));
-    umask(007);
-  }
-  void TearDown() override { fs::remove_all(home_); }
+  DatabaseTest() : ScratchHome(MemoryDirectory()) { umask(007); }
 
-  [[nodiscard]] std::string Path(const std::string& name) const {
-    return home_ + "/config/" + name;
-  }
-  static std::string Content(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
-  static void Write(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-  }
   static bool Set(const char* name, const char* key, const SStringList& values,
                   const char* section = "/Config") {
     Sdbfile file(name, 0, "Vellumcraft");
@@ -74,8 +54,6 @@ class DatabaseTest : public ::testing::Test {
            account.Set("Name", SString(std::string_view(uid))) &&
            account.Set("SMTP-Address", addresses) && account.Lock();
   }
-
-  std::string home_;
 };
 
 TEST(Crc32cTest, KnownValuesByInstructionAndByTable) {
@@ -93,7 +71,7 @@ TEST_F(DatabaseTest, WhatWasSetIsRead) {
   struct stat status = {};
   ASSERT_EQ(0, stat(Path("Dispatch").c_str(), &status));
   EXPECT_EQ(0640U, status.st_mode & 07777);
-  EXPECT_EQ(1, std::distance(fs::directory_iterator(home_ + "/config"), {}));
+  EXPECT_EQ(1, std::distance(fs::directory_iterator(Config()), {}));
 }
 
 TEST_F(DatabaseTest, EmptyListIsDefined) {
@@ -115,14 +93,14 @@ TEST_F(DatabaseTest, ReadingCreatesNothingAndMissingSectionsFail) {
 }
 
 TEST_F(DatabaseTest, ConfigDirectoryIsNeverMade) {
-  fs::remove(home_ + "/config");
+  fs::remove(Config());
   EXPECT_FALSE(Set("Dispatch", "Key", "value"));
   EXPECT_EQ(ENOENT, errno);
   SAccountDBMod database;
   SAccountMod account;
   EXPECT_FALSE(database.ModifyAccount("Ann", &account));
   EXPECT_EQ(ENOENT, errno);
-  EXPECT_FALSE(fs::exists(home_ + "/config"));
+  EXPECT_FALSE(fs::exists(Config()));
 }
 
 TEST_F(DatabaseTest, ReaderFollowsAWriterAndWritersExcludeEachOther) {
@@ -153,25 +131,25 @@ TEST_F(DatabaseTest, ReaderFollowsAWriterAndWritersExcludeEachOther) {
 TEST_F(DatabaseTest, ACutAtEveryLengthIsRefused) {
   ASSERT_TRUE(Set("Dispatch", "Key", "value"));
   ASSERT_TRUE(Set("Dispatch", "Other", "value"));
-  const std::string whole = Content(Path("Dispatch"));
+  const std::string whole = ReadFile(Path("Dispatch"));
   for (std::size_t length = 0; length < whole.size(); ++length) {
     const std::string cut = whole.substr(0, length);
-    Write(Path("Dispatch"), cut);
+    WriteFile(Path("Dispatch"), cut);
     ASSERT_FALSE(Get("Dispatch", "Key").Defined()) << length;
     ASSERT_FALSE(Set("Dispatch", "Key", "new")) << length;
     ASSERT_EQ(EBADMSG, errno);
-    ASSERT_TRUE(Content(Path("Dispatch")) == cut) << "never overwritten";
+    ASSERT_TRUE(ReadFile(Path("Dispatch")) == cut) << "never overwritten";
   }
 }
 
 TEST_F(DatabaseTest, AFlippedBitInEveryByteIsRefusedOrHarmless) {
   ASSERT_TRUE(Set("Dispatch", "Key", "value"));
   ASSERT_TRUE(Set("Dispatch", "Other", "value"));
-  const std::string whole = Content(Path("Dispatch"));
+  const std::string whole = ReadFile(Path("Dispatch"));
   for (std::size_t i = 0; i < whole.size(); ++i) {
     std::string flipped = whole;
     flipped[i] = static_cast<char>(flipped[i] ^ (1 << (i % 8)));
-    Write(Path("Dispatch"), flipped);
+    WriteFile(Path("Dispatch"), flipped);
     if (i >= database_format::kSectorSize && i < database_format::kHeadSize) {
       // The other mark is enough, and the next change puts this one right.
       ASSERT_EQ("value", Get("Dispatch", "Other")[0].Std()) << i;
@@ -183,7 +161,7 @@ TEST_F(DatabaseTest, AFlippedBitInEveryByteIsRefusedOrHarmless) {
     ASSERT_FALSE(Get("Dispatch", "Key").Defined()) << i;
     ASSERT_FALSE(Set("Dispatch", "Key", "new")) << i;
     ASSERT_EQ(EBADMSG, errno);
-    ASSERT_TRUE(Content(Path("Dispatch")) == flipped) << i;
+    ASSERT_TRUE(ReadFile(Path("Dispatch")) == flipped) << i;
   }
 }
 
