@@ -187,11 +187,11 @@ class SDatabaseFile {
   std::uint64_t file_size_ = 0;
   std::uint64_t reserved_end_ = 0;  // of what was taken by this writer
   bool tail_cleared_ = false;
+  bool compaction_failed_ = false;
   std::uint64_t synced_end_ = 0;
   std::int64_t synced_at_ = 0;
   int sync_error_ = 0;
   int syncs_ = 0;  // since it was opened or compacted
-  bool compaction_failed_ = false;
 
   // A new file that isn't in place yet.
   std::string temporary_;
