@@ -132,6 +132,26 @@ TEST_F(FullDiskTest, AFullDiskIsNotFilledByWhatCouldNotBeReserved) {
   ExpectSound(4);
 }
 
+TEST_F(FullDiskTest, SpaceThatCouldNotBeGivenBackIsCutOffByTheNextChange) {
+  MakeWith(SString('x', 400000));
+  SDatabaseFile file;
+  ASSERT_TRUE(file.Open(path_, Access::kWrite));
+  ASSERT_TRUE(StoreNew(&file, "/a") && StoreNew(&file, "/b"));
+  const std::uintmax_t size = fs::file_size(path_);
+  Refusing(
+      SYS_ftruncate, EIO, [] {},
+      [&] {
+        disk_is_nearly_full = true;
+        EXPECT_FALSE(StoreNew(&file, "/c"));
+        EXPECT_EQ(EIO, errno);
+      });
+  EXPECT_GT(fs::file_size(path_), size + 10000);
+  EXPECT_TRUE(StoreNew(&file, "/d"));
+  EXPECT_TRUE(file.Close());
+  EXPECT_LT(fs::file_size(path_), size + 1000);
+  ExpectSound(4);
+}
+
 TEST_F(FullDiskTest, ClosingCutsOffWhatAFailedWriteLeft) {
   MakeWith("value");
   SDatabaseFile file;
