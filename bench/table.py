@@ -14,8 +14,9 @@ WALL = "wall"
 class Row:
     """One line of the table.
 
-    `ratio` gets a function from the name of a benchmark to what it took in one
-    round, and all names.
+    `ratios` gets a function from the name of a benchmark to what it took in one
+    round, and all names.  Gives {input: ratio}; the row shows the input whose
+    median over the rounds is the worst.
     """
     subject: str
     work: str
@@ -23,35 +24,34 @@ class Row:
     bar: float
     aim: float
     measure: str
-    ratio: typing.Callable
+    ratios: typing.Callable
 
 
 def over(ours, *peers):
     """Ours over the fastest peer."""
-    return lambda took, names: took(ours) / min(took(peer) for peer in peers)
+    return lambda took, names: {
+        ours: took(ours) / min(took(peer) for peer in peers)}
 
 
-def pairs(prefix, peer, took, names):
-    return [took(name) / took(name[:-len("ours")] + peer) for name in names
-            if name.startswith(prefix) and name.endswith("/ours")]
+def each_over(prefix, peer):
+    """Ours over the peer, for each benchmark with that beginning."""
+    return lambda took, names: {
+        name: took(name) / took(name[:-len("ours")] + peer) for name in names
+        if name.startswith(prefix) and name.endswith("/ours")}
 
 
 def mean_over(prefix, peer):
     """The geometric mean over all benchmarks with that beginning."""
-    return lambda took, names: statistics.geometric_mean(
-        pairs(prefix, peer, took, names))
+    pairs = each_over(prefix, peer)
+    return lambda took, names: {
+        prefix: statistics.geometric_mean(pairs(took, names).values())}
 
 
-def worst_over(prefix, peer):
-    """The largest ratio of all benchmarks with that beginning."""
-    return lambda took, names: max(pairs(prefix, peer, took, names))
-
-
-def worst_growth(took, names):
-    """The largest ratio between twice the text and once."""
-    return max(took(name) / took(name.replace("/20000/", "/10000/"))
-               for name in names
-               if name.startswith("Worst/") and name.endswith("/20000/ours"))
+def growth(took, names):
+    """Twice the text over once, for each of the worst inputs."""
+    return {name: took(name) / took(name.replace("/20000/", "/10000/"))
+            for name in names
+            if name.startswith("Worst/") and name.endswith("/20000/ours")}
 
 
 PATTERNS = [
@@ -63,9 +63,9 @@ PATTERNS = [
         "PCRE2 interpreter", 1.0, 0.5, CPU,
         over("FirstUse/ours", "FirstUse/pcre2")),
     Row("patterns", "worst inputs: the worst of them", "RE2", 2.0, 1.0, CPU,
-        worst_over("Worst/", "re2")),
+        each_over("Worst/", "re2")),
     Row("patterns", "worst inputs: twice the text", "ourselves", 2.2, 2.2, CPU,
-        worst_growth),
+        growth),
 ]
 
 
