@@ -135,11 +135,6 @@ bool SDatabaseFile::Install(SDatabaseFile* former) {
       (former != nullptr && !TakeOwnerOf(former->fd_.Get(), fd_.Get()))) {
     return false;
   }
-  if (file_size_ > end_ &&
-      ftruncate(fd_.Get(), static_cast<off_t>(end_)) != 0) {
-    return false;
-  }
-  file_size_ = end_;
   // All of it must be on disk before it takes the place of what is.
   if ((synced_end_ != end_ && !SyncData()) || fdatasync(fd_.Get()) != 0) {
     return false;

@@ -174,6 +174,9 @@ TEST_F(SAccountDBTest, DomainsAreThoseOfTheNewestState) {
   SAccountMod ann;
   ASSERT_TRUE(database.ModifyAccount("Ann", &ann));
   ASSERT_TRUE(ann.Set("SMTP-Address", "ann@y.org"));
+  SAccountMod list;  // without an address
+  ASSERT_TRUE(database.ModifyAccount("List", &list) &&
+              list.Set("Name", "List") && list.Lock());
   EXPECT_TRUE(database.GetLocalMailDomains() == SStringList("y.org"));
 }
 

@@ -231,7 +231,8 @@ TEST_F(DatabaseFilesTest, ANewFileThatAnotherProcessFillsIsLeftToIt) {
   EXPECT_FALSE(fs::exists(unfinished)) << "a dead one's is removed";
 }
 
-// After a power failure while a writer closed.
+// After a power failure while a writer closed: the marks are those of before,
+// and of the index more or less is on disk.
 TEST_F(DatabaseFilesTest, AnIndexOfWhichOnlyTheHeadIsOnDiskIsTheEndOfTheLog) {
   SAccountDBMod writer;
   for (int i = 0; i < 3000; ++i) {
@@ -240,21 +241,24 @@ TEST_F(DatabaseFilesTest, AnIndexOfWhichOnlyTheHeadIsOnDiskIsTheEndOfTheLog) {
   ASSERT_TRUE(writer.SyncDB());
   const std::string before = ReadFile(Path("Accounts"));
   ASSERT_TRUE(writer.CloseDB());
-  std::string torn = ReadFile(Path("Accounts"));
-  const auto index = std::max(Get64(&torn[kSectorSize + kMarkIndex]),
-                              Get64(&torn[2 * kSectorSize + kMarkIndex]));
+  std::string whole = ReadFile(Path("Accounts"));
+  const auto index = std::max(Get64(&whole[kSectorSize + kMarkIndex]),
+                              Get64(&whole[2 * kSectorSize + kMarkIndex]));
   ASSERT_GT(index, kHeadSize);
-  ASSERT_GT(torn.size(), index + kBlockSize);
-  torn.replace(0, kHeadSize, before, 0, kHeadSize);
+  ASSERT_GT(whole.size(), index + kBlockSize);
+  whole.replace(0, kHeadSize, before, 0, kHeadSize);
+  std::string torn = whole;
   std::fill(torn.begin() + static_cast<std::ptrdiff_t>(index + kIndexHeadSize),
             torn.end(), '\0');
-  WriteFile(Path("Accounts"), torn);
 
-  EXPECT_TRUE(SAccountDB().GetAccountInfo("User-2999"));
-  ASSERT_TRUE(MakeAccounts(3000, 3001));
-  std::string problem;
-  EXPECT_TRUE(CheckDatabase(Path("Accounts"), &problem)) << problem;
-  EXPECT_EQ(3001, SAccountDB().AccountUIDCount());
+  for (const std::string& left : {whole, torn}) {
+    WriteFile(Path("Accounts"), left);
+    EXPECT_TRUE(SAccountDB().GetAccountInfo("User-2999"));
+    ASSERT_TRUE(MakeAccounts(3000, 3001));
+    std::string problem;
+    EXPECT_TRUE(CheckDatabase(Path("Accounts"), &problem)) << problem;
+    EXPECT_EQ(3001, SAccountDB().AccountUIDCount());
+  }
 }
 
 TEST_F(DatabaseFilesTest, ProcessesThatRaceToMakeTheFileLoseNothing) {
