@@ -219,9 +219,9 @@ bool SDatabaseFile::TakeRecord(std::string_view record, std::uint64_t size) {
           end_ + size > static_cast<std::uint64_t>(status.st_size)) {
         return false;
       }
-      // A power failure may have lost some of it; behind what a writer stores
-      // next it would be damage.  Readers only pass over it.
-      if (writes_ && end_ + size > mark_.synced_end &&
+      // A power failure may have lost some of it; before what a writer stores
+      // next it would be damage.
+      if (end_ + size > mark_.synced_end &&
           !SDatabaseIndex::IsWhole(fd_.Get(), end_, record, size)) {
         return false;
       }

@@ -53,7 +53,6 @@ bool SDatabaseFile::OpenWriter(Access access) {
         path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (fd_.IsOpen()) {
       if (LockFile()) {
-        writes_ = true;
         writes_ = TakeIn();
         synced_end_ = mark_.synced_end;
         replaced_ = false;

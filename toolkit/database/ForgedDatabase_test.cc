@@ -219,7 +219,11 @@ TEST_F(ForgedDatabaseTest, AnIndexCountsWhenAllOfItIsThere) {
   const std::uint64_t before = reader.Generation();
   ASSERT_TRUE(reader.Follow());
   EXPECT_EQ(before, reader.Generation());
-  forgery.AddBytes(std::string(kBlockSize, '\0'));
+  const std::uint32_t seed = Get32(forgery.Bytes(synced).data() + synced);
+  std::string block(kBlockSize, '\0');
+  Put64(block.data() + kBlockSize - 8,
+        Crc32c({block.data(), kBlockSize - 8}, seed));
+  forgery.AddBytes(block);
   WriteFile(path_, forgery.AddSection(1, Account("/b")).Bytes(synced));
   ASSERT_TRUE(reader.Follow());
   EXPECT_EQ(1U, reader.Find("/b")) << "it stands behind the index";

@@ -114,6 +114,7 @@ bool SSection::Decode(std::string_view body) {
        at = keys.size() - cursor.Rest().size()) {
     last_key_ = at;
     if (cursor.KeysLeft() + 1 < key_count_ && CompareKeys(name, former) <= 0) {
+      *this = SSection();
       return false;
     }
     former = name;

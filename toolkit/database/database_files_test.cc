@@ -253,8 +253,10 @@ TEST_F(DatabaseFilesTest, AnIndexOfWhichOnlyTheHeadIsOnDiskIsTheEndOfTheLog) {
 
   for (const std::string& left : {whole, torn}) {
     WriteFile(Path("Accounts"), left);
-    EXPECT_TRUE(SAccountDB().GetAccountInfo("User-2999"));
+    const SAccountDB reader;
+    EXPECT_TRUE(reader.GetAccountInfo("User-2999"));
     ASSERT_TRUE(MakeAccounts(3000, 3001));
+    EXPECT_TRUE(reader.GetAccountInfo("User-3000"));
     std::string problem;
     EXPECT_TRUE(CheckDatabase(Path("Accounts"), &problem)) << problem;
     EXPECT_EQ(3001, SAccountDB().AccountUIDCount());
