@@ -158,7 +158,7 @@ bool SDatabaseFile::Install(SDatabaseFile* former) {
     former->record_.clear();
     AppendBareRecord(RecordType::kReplaced, 0, former->last_checksum_,
                      &former->record_);
-    if (former->tail_cleared_ || former->ClearTail()) {
+    if (former->ClearTail()) {
       (void)former->WriteAt(former->record_, former->end_);
     }
     former->Forget();

@@ -170,7 +170,7 @@ bool SDatabaseFile::MakeRoomForChange(std::uint64_t end) {
   if (end_ != synced_end_) {
     return ReserveSpace(end, std::clamp(end_ / 4, kLeastReserve, kMostReserve));
   }
-  if (!tail_cleared_ && !ClearTail()) {
+  if (!ClearTail()) {
     return false;
   }
   if (end <= file_size_ || syncs_ < kFewSyncs) {
@@ -185,7 +185,7 @@ bool SDatabaseFile::MakeRoomForChange(std::uint64_t end) {
 // Takes space from the file system up to `end`, and `ahead` more if there is as
 // much.
 bool SDatabaseFile::ReserveSpace(std::uint64_t end, std::uint64_t ahead) {
-  if (!tail_cleared_ && !ClearTail()) {
+  if (!ClearTail()) {
     return false;
   }
   if (end <= file_size_) {
@@ -219,6 +219,9 @@ bool SDatabaseFile::ReserveSpace(std::uint64_t end, std::uint64_t ahead) {
 // Cuts off what lies behind the last whole record: what a killed writer left
 // there must never come to stand behind a new one.
 bool SDatabaseFile::ClearTail() {
+  if (tail_cleared_) {
+    return true;
+  }
   if (file_size_ > end_ &&
       ftruncate(fd_.Get(), static_cast<off_t>(end_)) != 0) {
     return false;
